@@ -1,0 +1,26 @@
+#include "client/kepclient.h"
+
+#include "kep_interface.h"
+#include "service/endpoint.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDebug>
+#include <QTimer>
+
+KepClient::KepClient(QStringList arguments)
+    : QObject(nullptr)
+    , m_arguments(std::move(arguments))
+    , m_kep(new com_calyra_kep(QString::fromLatin1(kep::ServiceName),
+                               QString::fromLatin1(kep::ObjectPath),
+                               QDBusConnection::systemBus(), this))
+{
+    // No command work before the event loop runs.
+    QTimer::singleShot(0, this, SLOT(on_program_ready()));
+}
+
+void KepClient::on_kepclient_timeout()
+{
+    qDebug() << "kepclient: Timeout reached, exiting...";
+    QCoreApplication::quit();
+}
