@@ -1,0 +1,108 @@
+#ifndef KEP_TESTS_BUSFIXTURE_H
+#define KEP_TESTS_BUSFIXTURE_H
+
+#include <QByteArray>
+#include <QDBusConnection>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+
+class KepBusObject;
+
+// A dbus-daemon of our own, started from tests/bus.conf and stopped when the
+// object goes. The daemon is also told to die with the test process, so a
+// crashed suite leaves no bus behind.
+class PrivateBus
+{
+public:
+    PrivateBus() = default;
+    ~PrivateBus();
+    PrivateBus(const PrivateBus &) = delete;
+    PrivateBus &operator=(const PrivateBus &) = delete;
+
+    bool start(QString *error);
+    void stop();
+    QString address() const { return m_address; }
+
+private:
+    QProcess m_daemon;
+    QString m_address;
+};
+
+// What one run of the client left behind.
+struct ClientResult
+{
+    bool finished = false;
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::CrashExit;
+    QByteArray out;
+    QByteArray err;
+    qint64 elapsedMs = 0;
+};
+
+// The kepclient binary under test, run as a user runs it, with the system
+// bus pointed at the private bus. KEPCLIENT_WRAPPER (words, e.g. an emulator
+// or valgrind) is put in front when set.
+class ClientProcess
+{
+public:
+    explicit ClientProcess(const QString &busAddress);
+    ~ClientProcess();
+
+    static QString program();                 // the path handed to the client as argv[0]
+    // Heading line of the usage text for that path.
+    static QByteArray usageHeading(const QString &path = program());
+
+    void setTimeSpeedUp(int factor) { m_speedUp = factor; } // runs under faketime
+    void start(const QStringList &arguments, const QString &path = program());
+    // Runs the event loop (so an in-process service keeps answering) until the
+    // client has ended or `timeoutMs` passed; then kills it if still running.
+    ClientResult finish(int timeoutMs = 60000);
+
+private:
+    QString m_busAddress;
+    int m_speedUp = 1;
+    QProcess m_process;
+    qint64 m_started = 0;
+};
+
+// The simulator's service on its own connection to the private bus.
+class ServiceOnBus
+{
+public:
+    ServiceOnBus(const QString &busAddress, const QString &connectionName);
+    ~ServiceOnBus();
+
+    bool start(QString *error);
+    void stop();
+    KepBusObject *object() const { return m_object.get(); }
+    QDBusConnection connection() const { return m_connection; }
+
+    // Waits, running the event loop, until `count` calls of `member` arrived.
+    bool waitForCalls(const QString &member, int count = 1, int timeoutMs = 20000) const;
+    // Returns once every call sent to the service before now has arrived.
+    bool sync(int timeoutMs = 20000);
+    QStringList callTexts() const;   // every call so far, as CallRecord::text()
+    QString senderOf(const QString &member) const;
+
+private:
+    QString m_busAddress;
+    QString m_connectionName;
+    QDBusConnection m_connection;
+    std::unique_ptr<KepBusObject> m_object;
+};
+
+// Waits until the bus routes the signal `member` of the service's interface
+// to `client` (the client has subscribed), asking the bus daemon's stats.
+bool waitForSubscription(const QDBusConnection &bus, const QString &client, const QString &member,
+                         int timeoutMs = 20000);
+
+// Runs the client once against the bus and returns what it printed.
+ClientResult runClient(const QString &busAddress, const QStringList &arguments);
+
+// Every line of `text` with tabs shown as \t, for readable failure messages.
+QByteArray visible(const QByteArray &text);
+
+#endif
