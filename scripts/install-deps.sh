@@ -3,7 +3,7 @@
 # Idempotent: prints nothing and touches nothing when all are present.
 set -euo pipefail
 
-packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools dbus dbus-daemon dbus-bin libglib2.0-bin systemd man-db "$@")
+packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools dbus-daemon dbus-bin util-linux faketime "$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -103,6 +103,7 @@ void KepBusObject::sendSignal(const QString &member, const QVariantList &argumen
                                                       QString::fromLatin1(kep::InterfaceName), member);
     message.setArguments(arguments);
     m_bus.send(message);
+    emit signalSent(member, arguments);
 }
 
 QString KepBusObject::introspect(const QString &) const

@@ -60,6 +60,7 @@ public:
 
 signals:
     void callReceived(const CallRecord &call);
+    void signalSent(const QString &member, const QVariantList &arguments);
 
 private:
     template <typename... Args>

@@ -73,6 +73,19 @@ QString valueText(const QVariant &value)
     if (type == qMetaTypeId<QDBusUnixFileDescriptor>())
         return QStringLiteral("fd");
     switch (type) {
+    case QMetaType::QVariantMap: { // not yet marshalled: a{sv}
+        QStringList parts;
+        const QVariantMap map = value.toMap();
+        for (auto it = map.cbegin(); it != map.cend(); ++it)
+            parts << quoted(it.key()) + QLatin1String(": <") + typedText(it.value()) + QLatin1Char('>');
+        return QLatin1Char('{') + parts.join(QLatin1String(", ")) + QLatin1Char('}');
+    }
+    case QMetaType::QVariantList: { // not yet marshalled: av
+        QStringList parts;
+        for (const QVariant &element : value.toList())
+            parts << QLatin1Char('<') + typedText(element) + QLatin1Char('>');
+        return QLatin1Char('[') + parts.join(QLatin1String(", ")) + QLatin1Char(']');
+    }
     case QMetaType::QString:
         return quoted(value.toString());
     case QMetaType::QStringList: {

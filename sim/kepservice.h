@@ -56,6 +56,7 @@ public:
     int logLevel() const { return m_logLevel; }
     void setLogLevel(int level) { m_logLevel = level; }
     QString mode() const { return m_mode; }
+    void setMode(const QString &mode) { m_mode = mode; m_connected = mode != QLatin1String("off") && mode != QLatin1String("softap"); }
     QVariantMap softApModeSettings() const { return m_softAp; }
     QVariantMap wiredIpSettings() const { return m_wiredIp; }
     void setWiredIpSettings(const QVariantMap &settings) { m_wiredIp = settings; }
@@ -97,9 +98,9 @@ private:
     Outcomes m_outcomes;
     bool m_fixedDetails = false;
     QVariantMap m_details;
-    bool m_connected = false;
+    bool m_connected = true;
     int m_logLevel = 2;
-    QString m_mode = QStringLiteral("off");
+    QString m_mode = QStringLiteral("automatic");
     QString m_softApInterface = QStringLiteral("uap0");
     QVariantMap m_softAp;
     QVariantMap m_wiredIp;

@@ -28,46 +28,6 @@ QProcessEnvironment clientEnvironment(const QString &busAddress)
 
 } // namespace
 
-PrivateBus::~PrivateBus()
-{
-    stop();
-}
-
-bool PrivateBus::start(QString *error)
-{
-    m_daemon.setProgram(QStringLiteral("setpriv"));
-    m_daemon.setArguments({QStringLiteral("--pdeathsig"), QStringLiteral("KILL"),
-                           QStringLiteral("dbus-daemon"), QStringLiteral("--nofork"),
-                           QStringLiteral("--config-file=" KEP_TESTS_DIR "/bus.conf"),
-                           QStringLiteral("--print-address=1")});
-    m_daemon.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    m_daemon.start();
-    QElapsedTimer clock;
-    clock.start();
-    while (!m_daemon.canReadLine() && clock.elapsed() < 10000) {
-        if (!m_daemon.waitForReadyRead(10000 - int(clock.elapsed())))
-            break;
-    }
-    m_address = QString::fromLocal8Bit(m_daemon.readLine()).trimmed();
-    if (m_address.isEmpty()) {
-        *error = QStringLiteral("dbus-daemon did not start: ") + m_daemon.errorString();
-        stop();
-        return false;
-    }
-    return true;
-}
-
-void PrivateBus::stop()
-{
-    if (m_daemon.state() == QProcess::NotRunning)
-        return;
-    m_daemon.terminate();
-    if (!m_daemon.waitForFinished(5000)) {
-        m_daemon.kill();
-        m_daemon.waitForFinished(5000);
-    }
-}
-
 ClientProcess::ClientProcess(const QString &busAddress)
     : m_busAddress(busAddress)
 {
@@ -95,12 +55,13 @@ QByteArray ClientProcess::usageHeading(const QString &path)
     return heading.trimmed().toUtf8();
 }
 
-void ClientProcess::start(const QStringList &arguments, const QString &path)
+void ClientProcess::start(const QStringList &arguments, const QString &path, const QStringList &prefix)
 {
     QStringList command = qEnvironmentVariable("KEPCLIENT_WRAPPER").split(QLatin1Char(' '), Qt::SkipEmptyParts);
     if (m_speedUp > 1)
         command = QStringList{QStringLiteral("faketime"), QStringLiteral("-f"),
                               QStringLiteral("+0 x%1").arg(m_speedUp)} + command;
+    command = prefix + command;
     command << path << arguments;
     m_process.setProgram(command.takeFirst());
     m_process.setArguments(command);

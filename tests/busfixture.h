@@ -9,27 +9,9 @@
 
 #include <memory>
 
+#include "sim/privatebus.h"
+
 class KepBusObject;
-
-// A dbus-daemon of our own, started from tests/bus.conf and stopped when the
-// object goes. The daemon is also told to die with the test process, so a
-// crashed suite leaves no bus behind.
-class PrivateBus
-{
-public:
-    PrivateBus() = default;
-    ~PrivateBus();
-    PrivateBus(const PrivateBus &) = delete;
-    PrivateBus &operator=(const PrivateBus &) = delete;
-
-    bool start(QString *error);
-    void stop();
-    QString address() const { return m_address; }
-
-private:
-    QProcess m_daemon;
-    QString m_address;
-};
 
 // What one run of the client left behind.
 struct ClientResult
@@ -56,7 +38,8 @@ public:
     static QByteArray usageHeading(const QString &path = program());
 
     void setTimeSpeedUp(int factor) { m_speedUp = factor; } // runs under faketime
-    void start(const QStringList &arguments, const QString &path = program());
+    // `prefix` goes before everything, e.g. a launcher that sets up argv.
+    void start(const QStringList &arguments, const QString &path = program(), const QStringList &prefix = {});
     // Runs the event loop (so an in-process service keeps answering) until the
     // client has ended or `timeoutMs` passed; then kills it if still running.
     ClientResult finish(int timeoutMs = 60000);

@@ -46,7 +46,7 @@ private slots:
     void initTestCase()
     {
         QString error;
-        QVERIFY2(m_bus.start(&error), qPrintable(error));
+        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
     }
 
     void init()

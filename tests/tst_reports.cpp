@@ -73,7 +73,7 @@ private slots:
     void initTestCase()
     {
         QString error;
-        QVERIFY2(m_bus.start(&error), qPrintable(error));
+        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
     }
 
     void init()
