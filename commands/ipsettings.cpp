@@ -10,19 +10,23 @@
 std::pair<bool, QVariantMap> ipSettingsMap(const QStringList &words)
 {
     // "Gatewap" is the service's spelling of the key.
-    static const char *const keys[] = {"Ip", "Netmask", "Gatewap", "Dns"};
+    static const char *const keys[] = {"Ip", "Netmask", "Gatewap"};
     QVariantMap settings;
+    QString dns; // every word from the fourth on, joined by blanks
     for (int i = 0; i < words.size(); ++i) {
         const QString &word = words.at(i);
         if (QHostAddress(word).protocol() != QAbstractSocket::IPv4Protocol)
             return {false, QVariantMap()};
-        if (i < 4) {
+        if (i < 3) {
             settings.insert(QLatin1String(keys[i]), word);
         } else {
-            const QString dns = settings.value(QStringLiteral("Dns")).toString();
-            settings.insert(QStringLiteral("Dns"), QString(dns + QLatin1Char(' ') + word));
+            if (i > 3)
+                dns += QLatin1Char(' ');
+            dns += word;
         }
     }
+    if (words.size() > 3)
+        settings.insert(QStringLiteral("Dns"), dns);
     return {true, settings};
 }
 

@@ -113,6 +113,8 @@ QString inlineText(const QVariant &value)
     }
     if (type == QMetaType::QString)
         return quoted(value.toString());
+    if (type == QMetaType::UChar)
+        return QString::number(value.value<uchar>());
     if (!value.isValid())
         return QStringLiteral("Invalid");
     return value.toString();

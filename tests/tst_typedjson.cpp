@@ -152,6 +152,13 @@ private slots:
                               "Device": {"@o": "/net/eth0"}}, "RxBytes": {"@t": "18446744073709551615"}})~")
             << R"~(a{sv} {"RxBytes": <t 18446744073709551615>, "Wired": <a{sv} {"Device": <o "/net/eth0">, )~"
                R"~("Dns": <as ["9.9.9.9", "1.1.1.1"]>, "Ip": <s "10.0.0.2">, "Mtu": <u 1500>}>})~";
+        QByteArray deep = "{\"@v\": 1}";
+        QString arrivedDeep = "v <i 1>";
+        for (int level = 0; level < 21; ++level) {  // each an array, a dictionary entry and a variant
+            deep = "{\"k\": " + deep + "}";
+            arrivedDeep = "a{sv} {\"k\": <" + arrivedDeep + ">}";
+        }
+        QTest::newRow("64 containers deep") << deep << arrivedDeep;
     }
 
     void values()
@@ -179,6 +186,9 @@ private slots:
 
         const struct { const char *name, *json, *error; } rows[] = {
             {"null", "null", "Details: null has no D-Bus type"},
+            {"NUL in string", R"~("a\u0000b")~", "Details: a D-Bus string cannot hold a NUL character"},
+            {"NUL in strings", R"~(["x", "\u0000"])~", "Details[1]: a D-Bus string cannot hold a NUL character"},
+            {"NUL in @as", R"~({"@as": ["x", "\u0000"]})~", "Details[1]: a D-Bus string cannot hold a NUL character"},
             {"null in array", "[1, null]", "Details[1]: null has no D-Bus type"},
             {"null in member", R"~({"Wired": {"Dns": ["a", null]}})~", "Details.Wired.Dns[1]: null has no D-Bus type"},
             {"typed element", R"~({"Wired": {"Dns": {"@as": ["a", "b", 3]}}})~",
@@ -232,6 +242,17 @@ private slots:
         };
         for (const auto &row : rows)
             QTest::newRow(row.name) << QByteArray(row.json) << QString::fromUtf8(row.error);
+        QByteArray open, close;
+        QString where = "Details";
+        for (int level = 0; level < 21; ++level) {
+            open += "{\"k\": ";
+            close += "}";
+            where += ".k";
+        }
+        QTest::newRow("65 containers deep") << open + "{\"@v\": {\"@v\": 1}}" + close
+                                            << where + ": nested more than 64 containers deep";
+        QTest::newRow("strings 65 deep") << open + "{\"@v\": [\"a\"]}" + close
+                                         << where + "[0]: nested more than 64 containers deep";
         QTest::newRow("too deep") << "{\"@" + QByteArray(33, 'a') + "i\": []}"
                                   << "Details: invalid type \"@" + QString(33, 'a') + "i\": nested more than 32 deep";
     }
