@@ -16,3 +16,8 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=ON >/dev/null
 cmake --build build-asan -j"$jobs"
 ctest --test-dir build-asan --output-on-failure
+
+echo "== armhf build: the end-to-end suites with the armhf kepclient under qemu-arm =="
+scripts/cross-build.sh
+KEPCLIENT_UNDER_TEST="$PWD/build-armhf/kepclient" KEPCLIENT_WRAPPER="$PWD/scripts/qemu-armhf.sh" \
+    ctest --test-dir build -L e2e --output-on-failure

@@ -37,7 +37,12 @@ public:
     // Heading line of the usage text for that path.
     static QByteArray usageHeading(const QString &path = program());
 
-    void setTimeSpeedUp(int factor) { m_speedUp = factor; } // runs under faketime
+    // Runs the client under faketime with its clock `factor` times faster.
+    void setTimeSpeedUp(int factor) { m_speedUp = factor; }
+    // The speed-up the client's clock can have: none under a wrapper (an
+    // emulator reads the real clock itself).
+    static int availableSpeedUp(int wanted) { return hasWrapper() ? 1 : wanted; }
+    static bool hasWrapper() { return !qEnvironmentVariableIsEmpty("KEPCLIENT_WRAPPER"); }
     // `prefix` goes before everything, e.g. a launcher that sets up argv.
     void start(const QStringList &arguments, const QString &path = program(), const QStringList &prefix = {});
     // Runs the event loop (so an in-process service keeps answering) until the

@@ -143,8 +143,11 @@ private slots:
     {
         QFETCH(QStringList, arguments);
         QFETCH(QString, call);
+        const int speedUp = ClientProcess::availableSpeedUp(100);
+        if (call == QLatin1String("WpsPbc") && speedUp == 1)
+            QSKIP("the 180 s timer cannot be sped up for this client");
         ClientProcess client(m_bus->address());
-        client.setTimeSpeedUp(100);
+        client.setTimeSpeedUp(speedUp);
         client.start(arguments);
         QVERIFY(m_service->waitForCalls(call));
         m_service.reset();
@@ -214,18 +217,23 @@ private slots:
         KepBusObject::PropertyAnswer answer;
         answer.kind = KepBusObject::PropertyAnswer::NoReply;
         m_service->object()->setPropertyAnswer(property, answer);
+        const int speedUp = ClientProcess::availableSpeedUp(100);
+        if (speedUp == 1)
+            QSKIP("the 25 s call timeout cannot be sped up for this client");
         ClientProcess client(m_bus->address());
-        client.setTimeSpeedUp(100);
+        client.setTimeSpeedUp(speedUp);
         client.start(arguments);
         const ClientResult result = client.finish();
         checkEnded(result);
         QCOMPARE(result.err, err);
-        QVERIFY2(result.elapsedMs >= 25000 / 100 * 9 / 10, qPrintable(QString::number(result.elapsedMs)));
+        QVERIFY2(result.elapsedMs >= 25000 / speedUp * 9 / 10, qPrintable(QString::number(result.elapsedMs)));
     }
 
     // No argv[0] at all: runs "status", like no command word.
     void emptyArgumentVector()
     {
+        if (ClientProcess::hasWrapper())
+            QSKIP("a wrapped client always gets a program path");
         service()->setDetails({{"State", "up"}});
         ClientProcess client(m_bus->address());
         client.start({}, ClientProcess::program(), {QStringLiteral(KEP_RAWEXEC), QStringLiteral("--no-argv0")});
@@ -290,6 +298,8 @@ private slots:
 #ifdef KEP_SANITIZED
         QSKIP("valgrind does not run a sanitized build");
 #endif
+        if (ClientProcess::hasWrapper())
+            QSKIP("valgrind runs the client itself, not a wrapper");
         if (QStandardPaths::findExecutable(QStringLiteral("valgrind")).isEmpty())
             QSKIP("valgrind is not installed");
         service()->setDetails({{"a", "x"}, {"b", nested({{"c", nested({{"d", 1}})}})}});

@@ -62,6 +62,9 @@ private slots:
         QFETCH(bool, service);
         QFETCH(int, speedUp);
         QFETCH(int, timeoutMs);
+        speedUp = ClientProcess::availableSpeedUp(speedUp);
+        if (timeoutMs / speedUp > 30000)
+            QSKIP("this timer cannot be sped up for this client");
         if (!service)
             m_service.reset();
         ClientProcess client(m_bus.address());
@@ -78,6 +81,8 @@ private slots:
     // Progress lines do not end the wait, nor restart its timer.
     void wpsProgressThenTimeout()
     {
+        if (ClientProcess::availableSpeedUp(100) == 1)
+            QSKIP("the 180 s timer cannot be sped up for this client");
         ClientProcess client(m_bus.address());
         client.setTimeSpeedUp(100);
         client.start({"wps"});
