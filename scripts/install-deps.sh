@@ -3,7 +3,7 @@
 # Idempotent: prints nothing and touches nothing when all are present.
 set -euo pipefail
 
-packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools dbus-daemon dbus-bin util-linux faketime "$@")
+packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools dbus-daemon dbus-bin util-linux faketime valgrind file man-db groff-base "$@")
 
 missing=()
 for p in "${packages[@]}"; do

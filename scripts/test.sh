@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the whole test suite: once on a
-# plain build, once on a build with AddressSanitizer and UBSan.
+# Installs what is missing, builds, and runs the whole test suite: on a plain
+# build (and its .deb), on a build with AddressSanitizer and UBSan, and the
+# end-to-end suites once more with the armhf kepclient under qemu-arm (and
+# the armhf .deb).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,6 +13,9 @@ echo "== plain build =="
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure
+version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' build/CPackConfig.cmake)
+(cd build && cpack -G DEB >/dev/null)
+tests/package_test.sh "build/kepclient_${version}_$(dpkg --print-architecture).deb" "$(dpkg --print-architecture)" "$version"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=ON >/dev/null
@@ -21,3 +26,5 @@ echo "== armhf build: the end-to-end suites with the armhf kepclient under qemu-
 scripts/cross-build.sh
 KEPCLIENT_UNDER_TEST="$PWD/build-armhf/kepclient" KEPCLIENT_WRAPPER="$PWD/scripts/qemu-armhf.sh" \
     ctest --test-dir build -L e2e --output-on-failure
+(cd build-armhf && cpack -G DEB >/dev/null)
+tests/package_test.sh "build-armhf/kepclient_${version}_armhf.deb" armhf "$version"
