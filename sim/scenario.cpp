@@ -12,6 +12,7 @@ namespace {
 // Line and column of a byte offset, for messages about the file.
 QString position(const QByteArray &text, int offset)
 {
+    offset = qMax(offset - 1, 0); // QJsonParseError points just past the fault
     const QByteArray before = text.left(offset);
     const int line = before.count('\n') + 1;
     const int column = offset - (before.lastIndexOf('\n') + 1) + 1;

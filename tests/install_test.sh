@@ -16,7 +16,7 @@ fail() { echo "install_test: FAIL: $*" >&2; failures=$((failures + 1)); }
 die() { echo "install_test: FAIL: $*" >&2; exit 1; }
 ok() { echo "install_test: ok: $*"; }
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/kep-install-test.XXXXXX")
+work=$(mktemp -d -t kep-install-test.XXXXXX)
 prefix=$work/prefix
 bus_pid=""
 cleanup() {
@@ -134,9 +134,9 @@ if declare -F _init_completion >/dev/null; then
     exit 2
 fi
 source "$1"
-spec=$(complete -p kepclient 2>/dev/null) || { echo "no completion registered for kepclient"; exit 2; }
-function=$(sed -n 's/.* -F \([^ ]*\) .*/\1/p' <<<"$spec")
-[ -n "$function" ] || { echo "no completion function in: $spec"; exit 2; }
+registered=$(complete -p kepclient 2>/dev/null) || { echo "no completion registered for kepclient"; exit 2; }
+function=$(sed -n 's/.* -F \([^ ]*\) .*/\1/p' <<<"$registered")
+[ -n "$function" ] || { echo "no completion function in: $registered"; exit 2; }
 
 bad=0
 # check "EXPECTED WORDS" WORD... : the last word is the one being completed.
