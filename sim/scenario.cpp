@@ -144,21 +144,21 @@ public:
             return false;
         for (auto it = json.begin(); it != json.end(); ++it) {
             const QString where = QStringLiteral("property_reads.") + it.key();
-            QJsonObject spec;
-            if (!object(it.value(), where, &spec)
-                || !onlyKeys(spec, where, {QStringLiteral("value"), QStringLiteral("error"), QStringLiteral("message"),
+            QJsonObject entry;
+            if (!object(it.value(), where, &entry)
+                || !onlyKeys(entry, where, {QStringLiteral("value"), QStringLiteral("error"), QStringLiteral("message"),
                                            QStringLiteral("no_reply")}))
                 return false;
             KepBusObject::PropertyAnswer answer;
-            if (spec.value(QLatin1String("no_reply")).toBool()) {
+            if (entry.value(QLatin1String("no_reply")).toBool()) {
                 answer.kind = KepBusObject::PropertyAnswer::NoReply;
-            } else if (spec.contains(QLatin1String("error"))) {
+            } else if (entry.contains(QLatin1String("error"))) {
                 answer.kind = KepBusObject::PropertyAnswer::ErrorReply;
-                if (!text(spec.value(QLatin1String("error")), where + QStringLiteral(".error"), &answer.errorName))
+                if (!text(entry.value(QLatin1String("error")), where + QStringLiteral(".error"), &answer.errorName))
                     return false;
-                answer.errorMessage = spec.value(QLatin1String("message")).toString();
-            } else if (spec.contains(QLatin1String("value"))) {
-                answer.value = typedJsonValue(spec.value(QLatin1String("value")), where + QStringLiteral(".value"), m_error);
+                answer.errorMessage = entry.value(QLatin1String("message")).toString();
+            } else if (entry.contains(QLatin1String("value"))) {
+                answer.value = typedJsonValue(entry.value(QLatin1String("value")), where + QStringLiteral(".value"), m_error);
                 if (!answer.value.isValid())
                     return false;
             } else {

@@ -1,6 +1,7 @@
 #include "tests/busfixture.h"
 
 #include "sim/busobject.h"
+#include "sim/kepservice.h"
 #include "service/endpoint.h"
 
 #include <QDBusMessage>
@@ -194,4 +195,43 @@ QByteArray visible(const QByteArray &text)
 {
     QByteArray out = text;
     return out.replace('\t', "\\t");
+}
+
+void EndToEnd::startBus()
+{
+    m_service.reset();
+    m_bus = std::make_unique<PrivateBus>();
+    QString error;
+    QVERIFY2(m_bus->start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
+}
+
+void EndToEnd::startService()
+{
+    m_service = std::make_unique<ServiceOnBus>(m_bus->address(), QStringLiteral("service"));
+    QString error;
+    QVERIFY2(m_service->start(&error), qPrintable(error));
+}
+
+KepService *EndToEnd::service() const
+{
+    return m_service->object()->service();
+}
+
+void EndToEnd::checkEnded(const ClientResult &result)
+{
+    QVERIFY(result.finished);
+    QCOMPARE(result.exitStatus, QProcess::NormalExit);
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.out, QByteArray());
+}
+
+ClientResult EndToEnd::runWaiting(const QStringList &arguments, const QString &call,
+                                  const std::function<void()> &emitSignals, const QString &signal)
+{
+    ClientProcess client(m_bus->address());
+    client.start(arguments);
+    if (m_service->waitForCalls(call)
+        && waitForSubscription(m_service->connection(), m_service->senderOf(call), signal))
+        emitSignals();
+    return client.finish(20000);
 }

@@ -3,15 +3,18 @@
 
 #include <QByteArray>
 #include <QDBusConnection>
+#include <QObject>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 
 #include "sim/privatebus.h"
 
 class KepBusObject;
+class KepService;
 
 // What one run of the client left behind.
 struct ClientResult
@@ -89,6 +92,33 @@ bool waitForSubscription(const QDBusConnection &bus, const QString &client, cons
 
 // Runs the client once against the bus and returns what it printed.
 ClientResult runClient(const QString &busAddress, const QStringList &arguments);
+
+// What the end-to-end suites share: a private bus, the simulated service on
+// it, and ways to run the client against them.
+class EndToEnd : public QObject
+{
+    Q_OBJECT
+
+protected:
+    void startBus();       // a new private bus (and no service yet)
+    void startService();   // a fresh simulated service on the bus
+    QString busAddress() const { return m_bus->address(); }
+    KepService *service() const;
+
+    // The client ended by itself, normally, with status 0 and nothing on stdout.
+    static void checkEnded(const ClientResult &result);
+
+    // Runs a command that waits for signals: once its call has reached the
+    // service and the client listens for `signal` (ScanResults is the last
+    // one both scan and wps listen to), `emitSignals` runs; then the client
+    // is waited for.
+    ClientResult runWaiting(const QStringList &arguments, const QString &call,
+                            const std::function<void()> &emitSignals,
+                            const QString &signal = QStringLiteral("ScanResults"));
+
+    std::unique_ptr<PrivateBus> m_bus;
+    std::unique_ptr<ServiceOnBus> m_service;
+};
 
 // Every line of `text` with tabs shown as \t, for readable failure messages.
 QByteArray visible(const QByteArray &text);

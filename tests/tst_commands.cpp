@@ -24,37 +24,16 @@ QString setCall(const char *property, const QString &value)
 }
 } // namespace
 
-class CommandsTest : public QObject
+class CommandsTest : public EndToEnd
 {
     Q_OBJECT
 
 private:
-    PrivateBus m_bus;
-    std::unique_ptr<ServiceOnBus> m_service;
-
-    ClientResult run(const QStringList &arguments) { return runClient(m_bus.address(), arguments); }
-
-    static void checkEnded(const ClientResult &result)
-    {
-        QVERIFY(result.finished);
-        QCOMPARE(result.exitStatus, QProcess::NormalExit);
-        QCOMPARE(result.exitCode, 0);
-        QCOMPARE(result.out, QByteArray());
-    }
+    ClientResult run(const QStringList &arguments) { return runClient(busAddress(), arguments); }
 
 private slots:
-    void initTestCase()
-    {
-        QString error;
-        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
-    }
-
-    void init()
-    {
-        m_service = std::make_unique<ServiceOnBus>(m_bus.address(), QStringLiteral("service"));
-        QString error;
-        QVERIFY2(m_service->start(&error), qPrintable(error));
-    }
+    void initTestCase() { startBus(); }
+    void init() { startService(); }
 
     void cleanup() { m_service.reset(); }
 
@@ -171,9 +150,8 @@ private slots:
     {
         checkEnded(run({"loglevel", "4294967295"}));
         checkEnded(run({"wiredip", "10.1.1.1", "255.255.0.0"}));
-        KepService *service = m_service->object()->service();
-        QCOMPARE(service->logLevel(), -1);
-        QCOMPARE(service->wiredIpSettings(),
+        QCOMPARE(service()->logLevel(), -1);
+        QCOMPARE(service()->wiredIpSettings(),
                  (QVariantMap{{"Ip", "10.1.1.1"}, {"Netmask", "255.255.0.0"}}));
     }
 
@@ -190,7 +168,7 @@ private slots:
     {
         QFETCH(int, level);
         QFETCH(QByteArray, line);
-        m_service->object()->service()->setLogLevel(level);
+        service()->setLogLevel(level);
         const ClientResult result = run({"loglevel"});
         checkEnded(result);
         QCOMPARE(result.err, line);
@@ -241,7 +219,7 @@ private slots:
         QVERIFY(QDir().mkpath(dir));
         const QString link = dir + QStringLiteral("/kepclient");
         QVERIFY(QFile::link(ClientProcess::program(), link));
-        ClientProcess client(m_bus.address());
+        ClientProcess client(busAddress());
         client.start({"help"}, link);
         const ClientResult result = client.finish();
         QDir(dir).removeRecursively();

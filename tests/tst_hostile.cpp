@@ -28,24 +28,11 @@ QDBusMessage kepSignal(const char *member, const QVariantList &arguments)
 
 } // namespace
 
-class HostileTest : public QObject
+class HostileTest : public EndToEnd
 {
     Q_OBJECT
 
 private:
-    std::unique_ptr<PrivateBus> m_bus;
-    std::unique_ptr<ServiceOnBus> m_service;
-
-    KepService *service() const { return m_service->object()->service(); }
-
-    static void checkEnded(const ClientResult &result)
-    {
-        QVERIFY(result.finished);
-        QCOMPARE(result.exitStatus, QProcess::NormalExit);
-        QCOMPARE(result.exitCode, 0);
-        QCOMPARE(result.out, QByteArray());
-    }
-
     // Starts a waiting command and returns once the service has its call and
     // the client listens for `signal`.
     bool startWaiting(ClientProcess &client, const QStringList &arguments, const QString &call, const QString &signal)
@@ -56,13 +43,11 @@ private:
     }
 
 private slots:
+    // A bus of its own for every test: some of them stop it.
     void init()
     {
-        m_bus = std::make_unique<PrivateBus>();
-        QString error;
-        QVERIFY2(m_bus->start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
-        m_service = std::make_unique<ServiceOnBus>(m_bus->address(), QStringLiteral("service"));
-        QVERIFY2(m_service->start(&error), qPrintable(error));
+        startBus();
+        startService();
     }
 
     void cleanup()
@@ -87,11 +72,11 @@ private slots:
         QFETCH(QStringList, arguments);
         QFETCH(QString, call);
         QFETCH(QByteArray, err);
-        ClientProcess client(m_bus->address());
+        ClientProcess client(busAddress());
         // ScanResults is the last signal either command listens to.
         QVERIFY(startWaiting(client, arguments, call, QStringLiteral("ScanResults")));
 
-        QDBusConnection stranger = QDBusConnection::connectToBus(m_bus->address(), QStringLiteral("stranger"));
+        QDBusConnection stranger = QDBusConnection::connectToBus(busAddress(), QStringLiteral("stranger"));
         QVERIFY(stranger.isConnected());
         QVERIFY(stranger.send(kepSignal("ScanResults", {QVariant(QVariantMap{{"fake", nested({})}})})));
         QVERIFY(stranger.send(kepSignal("WpsCredentials", {QVariant(QVariantMap{{"ssid", "fake"}})})));
@@ -116,10 +101,10 @@ private slots:
     // WPS: the new owner's signals count.
     void serviceRestartsDuringWps()
     {
-        ClientProcess client(m_bus->address());
+        ClientProcess client(busAddress());
         QVERIFY(startWaiting(client, {"wps"}, QStringLiteral("WpsPbc"), QStringLiteral("WpsCredentials")));
         emit service()->ScanResults({});
-        m_service = std::make_unique<ServiceOnBus>(m_bus->address(), QStringLiteral("service-restarted"));
+        m_service = std::make_unique<ServiceOnBus>(busAddress(), QStringLiteral("service-restarted"));
         QString error;
         QVERIFY2(m_service->start(&error), qPrintable(error));
         emit service()->WpsCredentials({{"Ssid", "Home"}});
@@ -146,7 +131,7 @@ private slots:
         const int speedUp = ClientProcess::availableSpeedUp(100);
         if (call == QLatin1String("WpsPbc") && speedUp == 1)
             QSKIP("the 180 s timer cannot be sped up for this client");
-        ClientProcess client(m_bus->address());
+        ClientProcess client(busAddress());
         client.setTimeSpeedUp(speedUp);
         client.start(arguments);
         QVERIFY(m_service->waitForCalls(call));
@@ -193,7 +178,7 @@ private slots:
         answer.errorName = QStringLiteral("org.freedesktop.DBus.Error.AccessDenied");
         answer.errorMessage = QStringLiteral("not today");
         m_service->object()->setPropertyAnswer(property, answer);
-        const ClientResult result = runClient(m_bus->address(), arguments);
+        const ClientResult result = runClient(busAddress(), arguments);
         checkEnded(result);
         QCOMPARE(result.err, err);
     }
@@ -220,7 +205,7 @@ private slots:
         const int speedUp = ClientProcess::availableSpeedUp(100);
         if (speedUp == 1)
             QSKIP("the 25 s call timeout cannot be sped up for this client");
-        ClientProcess client(m_bus->address());
+        ClientProcess client(busAddress());
         client.setTimeSpeedUp(speedUp);
         client.start(arguments);
         const ClientResult result = client.finish();
@@ -235,7 +220,7 @@ private slots:
         if (ClientProcess::hasWrapper())
             QSKIP("a wrapped client always gets a program path");
         service()->setDetails({{"State", "up"}});
-        ClientProcess client(m_bus->address());
+        ClientProcess client(busAddress());
         client.start({}, ClientProcess::program(), {QStringLiteral(KEP_RAWEXEC), QStringLiteral("--no-argv0")});
         const ClientResult result = client.finish();
         checkEnded(result);
@@ -246,14 +231,14 @@ private slots:
     // as a command word they are just an unknown word.
     void nonUtf8Arguments()
     {
-        ClientProcess client(m_bus->address());
+        ClientProcess client(busAddress());
         client.start({QStringLiteral("normal"), QStringLiteral("a\\xff\\xfeb")}, ClientProcess::program(),
                      {QStringLiteral(KEP_RAWEXEC)});
         checkEnded(client.finish());
         QVERIFY(m_service->sync());
         QCOMPARE(m_service->callTexts(), QStringList{QString::fromUtf8("SetNormalMode(s \"a\xEF\xBF\xBD\xEF\xBF\xBD" "b\")")});
 
-        ClientProcess word(m_bus->address());
+        ClientProcess word(busAddress());
         word.start({QStringLiteral("st\\xe4tus")}, ClientProcess::program(), {QStringLiteral(KEP_RAWEXEC)});
         const ClientResult result = word.finish();
         checkEnded(result);
@@ -266,7 +251,7 @@ private slots:
     void longestArgument()
     {
         const QString word(128 * 1024 - 1, QLatin1Char('w'));
-        checkEnded(runClient(m_bus->address(), {"normal", word}));
+        checkEnded(runClient(busAddress(), {"normal", word}));
         QVERIFY(m_service->sync());
         QCOMPARE(m_service->object()->calls().size(), 1);
         QCOMPARE(m_service->object()->calls().at(0).arguments, QVariantList{word});
@@ -277,7 +262,7 @@ private slots:
         QStringList add{"add"};
         for (int i = 0; i < 33333; ++i)
             add << QStringLiteral("net%1").arg(i) << QStringLiteral("wpa_psk") << QStringLiteral("key%1").arg(i);
-        checkEnded(runClient(m_bus->address(), add));
+        checkEnded(runClient(busAddress(), add));
         QCOMPARE(service()->wirelessNetworks().size(), 33333);
         const QVariant last = service()->wirelessNetworks().value("net33332");
         QCOMPARE(qdbus_cast<QVariantMap>(last.value<QDBusArgument>()), (QVariantMap{{"wpa_psk", "key33332"}}));
@@ -285,7 +270,7 @@ private slots:
         QStringList ip{"wiredip"};
         for (int i = 0; i < 100000; ++i)
             ip << QStringLiteral("10.%1.%2.%3").arg(i >> 16).arg((i >> 8) & 255).arg(i & 255);
-        checkEnded(runClient(m_bus->address(), ip));
+        checkEnded(runClient(busAddress(), ip));
         const QVariantMap settings = service()->wiredIpSettings();
         QCOMPARE(settings.value("Ip").toString(), QStringLiteral("10.0.0.0"));
         QCOMPARE(settings.value("Dns").toString().count(QLatin1Char(' ')), 100000 - 4);
@@ -305,14 +290,14 @@ private slots:
         service()->setDetails({{"a", "x"}, {"b", nested({{"c", nested({{"d", 1}})}})}});
         const QStringList valgrind{QStringLiteral("valgrind"), QStringLiteral("-q"), QStringLiteral("--error-exitcode=99"),
                                    QStringLiteral("--leak-check=no")};
-        ClientProcess status(m_bus->address());
+        ClientProcess status(busAddress());
         status.start({"status"}, ClientProcess::program(), valgrind);
         const ClientResult statusResult = status.finish();
         checkEnded(statusResult);
         QCOMPARE(statusResult.err, QByteArray("Property:  \"a\"  ->  \"x\"\nProperty:  \"b\"  -> \n"
                                               "\t \"c\"  -> \n\t\t \"d\" = \"1\"\n"));
 
-        ClientProcess scan(m_bus->address());
+        ClientProcess scan(busAddress());
         scan.start({"scan"}, ClientProcess::program(), valgrind);
         QVERIFY(m_service->waitForCalls(QStringLiteral("Scan"), 1, 60000));
         QVERIFY(waitForSubscription(m_service->connection(), m_service->senderOf(QStringLiteral("Scan")),

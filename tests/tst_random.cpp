@@ -410,28 +410,14 @@ Node randomMap(Generator &generate, int entries)
 
 } // namespace
 
-class RandomTest : public QObject
+class RandomTest : public EndToEnd
 {
     Q_OBJECT
 
 private:
-    PrivateBus m_bus;
-    std::unique_ptr<ServiceOnBus> m_service;
     quint32 m_seed = 20261123;
 
-    KepService *service() const { return m_service->object()->service(); }
-
     QByteArray where(int run) const { return QByteArray("seed ") + QByteArray::number(m_seed) + ", run " + QByteArray::number(run); }
-
-    ClientResult runWaiting(const QStringList &arguments, const QString &call, const std::function<void()> &emitSignals)
-    {
-        ClientProcess client(m_bus.address());
-        client.start(arguments);
-        if (m_service->waitForCalls(call)
-            && waitForSubscription(m_service->connection(), m_service->senderOf(call), QStringLiteral("ScanResults")))
-            emitSignals();
-        return client.finish(20000);
-    }
 
     static bool endedWell(const ClientResult &result)
     {
@@ -446,16 +432,10 @@ private slots:
         if (ok)
             m_seed = seed;
         qInfo("random seed %u (set KEP_RANDOM_SEED to repeat another)", m_seed);
-        QString error;
-        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
+        startBus();
     }
 
-    void init()
-    {
-        m_service = std::make_unique<ServiceOnBus>(m_bus.address(), QStringLiteral("service"));
-        QString error;
-        QVERIFY2(m_service->start(&error), qPrintable(error));
-    }
+    void init() { startService(); }
 
     void cleanup() { m_service.reset(); }
 
@@ -467,7 +447,7 @@ private slots:
             const Node details = randomMap(generate, 10 + generate.below(30));
             values += details.children.size() / 2;
             service()->setDetails(toDBus(details).toMap());
-            const ClientResult result = runClient(m_bus.address(), {"status"});
+            const ClientResult result = runClient(busAddress(), {"status"});
             QVERIFY2(endedWell(result), where(run));
             const QString expected = statusModel(details);
             QVERIFY2(QString::fromUtf8(result.err) == expected,

@@ -36,52 +36,13 @@ QVariant nested(const QVariantMap &map) { return QVariant(map); }
 
 } // namespace
 
-class ReportsTest : public QObject
+class ReportsTest : public EndToEnd
 {
     Q_OBJECT
 
-private:
-    PrivateBus m_bus;
-    std::unique_ptr<ServiceOnBus> m_service;
-
-    KepService *service() const { return m_service->object()->service(); }
-
-    static void checkEnded(const ClientResult &result)
-    {
-        QVERIFY(result.finished);
-        QCOMPARE(result.exitStatus, QProcess::NormalExit);
-        QCOMPARE(result.exitCode, 0);
-        QCOMPARE(result.out, QByteArray());
-    }
-
-    // Runs a waiting command: once its call has reached the service and the
-    // client listens for `signal`, `emitSignals` runs; then the client ends.
-    ClientResult runWaiting(const QStringList &arguments, const QString &call, const QString &signal,
-                            const std::function<void()> &emitSignals)
-    {
-        ClientProcess client(m_bus.address());
-        client.start(arguments);
-        if (!m_service->waitForCalls(call))
-            return client.finish(0);
-        if (!waitForSubscription(m_service->connection(), m_service->senderOf(call), signal))
-            return client.finish(0);
-        emitSignals();
-        return client.finish(20000);
-    }
-
 private slots:
-    void initTestCase()
-    {
-        QString error;
-        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
-    }
-
-    void init()
-    {
-        m_service = std::make_unique<ServiceOnBus>(m_bus.address(), QStringLiteral("service"));
-        QString error;
-        QVERIFY2(m_service->start(&error), qPrintable(error));
-    }
+    void initTestCase() { startBus(); }
+    void init() { startService(); }
 
     void cleanup() { m_service.reset(); }
 
@@ -163,7 +124,7 @@ private slots:
         QFETCH(QByteArray, err);
         service()->setDetails(details);
         for (const QStringList &arguments : {QStringList{"status"}, QStringList{}, QStringList{"status", "x", "y"}}) {
-            const ClientResult result = runClient(m_bus.address(), arguments);
+            const ClientResult result = runClient(busAddress(), arguments);
             checkEnded(result);
             QCOMPARE(visible(result.err), visible(err));
         }
@@ -177,7 +138,7 @@ private slots:
         KepBusObject::PropertyAnswer answer;
         answer.value = rawDictionary({{"k", "first"}, {"a", 1}, {"k", "second"}});
         m_service->object()->setPropertyAnswer(QStringLiteral("Details"), answer);
-        const ClientResult result = runClient(m_bus.address(), {"status"});
+        const ClientResult result = runClient(busAddress(), {"status"});
         checkEnded(result);
         QCOMPARE(visible(result.err), visible("Property:  \"a\"  ->  \"1\"\n"
                                               "Property:  \"k\"  ->  \"second\"\n"
@@ -217,7 +178,6 @@ private slots:
         QFETCH(QVariantMap, results);
         QFETCH(QByteArray, err);
         const ClientResult result = runWaiting({"scan", "extra", "words"}, QStringLiteral("Scan"),
-                                               QStringLiteral("ScanResults"),
                                                [&] { emit service()->ScanResults(results); });
         checkEnded(result);
         QCOMPARE(visible(result.err), visible(err));
@@ -228,7 +188,7 @@ private slots:
     // not delivered and the run goes on to the real one.
     void scanIgnoresOtherSignature()
     {
-        const ClientResult result = runWaiting({"scan"}, QStringLiteral("Scan"), QStringLiteral("ScanResults"), [&] {
+        const ClientResult result = runWaiting({"scan"}, QStringLiteral("Scan"), [&] {
             m_service->object()->sendSignal(QStringLiteral("ScanResults"), {QStringList{"net"}});
             emit service()->ScanResults({{"net", nested({{"k", "v"}})}});
         });
@@ -262,7 +222,7 @@ private slots:
         QFETCH(QVariantMap, credentials);
         QFETCH(QString, error);
         QFETCH(QByteArray, err);
-        const ClientResult result = runWaiting({"wps", "1234"}, QStringLiteral("WpsPbc"), QStringLiteral("WpsError"), [&] {
+        const ClientResult result = runWaiting({"wps", "1234"}, QStringLiteral("WpsPbc"), [&] {
             for (int i = 0; i < progress; ++i)
                 emit service()->ScanResults({{"net", nested({{"k", "v"}})}});
             if (error.isEmpty())

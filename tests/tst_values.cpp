@@ -28,47 +28,13 @@ QVariantMap typed(const QByteArray &json)
 
 } // namespace
 
-class ValuesTest : public QObject
+class ValuesTest : public EndToEnd
 {
     Q_OBJECT
 
-private:
-    PrivateBus m_bus;
-    std::unique_ptr<ServiceOnBus> m_service;
-
-    KepService *service() const { return m_service->object()->service(); }
-
-    static void checkEnded(const ClientResult &result)
-    {
-        QVERIFY(result.finished);
-        QCOMPARE(result.exitStatus, QProcess::NormalExit);
-        QCOMPARE(result.exitCode, 0);
-        QCOMPARE(result.out, QByteArray());
-    }
-
-    ClientResult runWaiting(const QStringList &arguments, const QString &call, const std::function<void()> &emitSignals)
-    {
-        ClientProcess client(m_bus.address());
-        client.start(arguments);
-        if (m_service->waitForCalls(call)
-            && waitForSubscription(m_service->connection(), m_service->senderOf(call), QStringLiteral("ScanResults")))
-            emitSignals();
-        return client.finish(20000);
-    }
-
 private slots:
-    void initTestCase()
-    {
-        QString error;
-        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
-    }
-
-    void init()
-    {
-        m_service = std::make_unique<ServiceOnBus>(m_bus.address(), QStringLiteral("service"));
-        QString error;
-        QVERIFY2(m_service->start(&error), qPrintable(error));
-    }
+    void initTestCase() { startBus(); }
+    void init() { startService(); }
 
     void cleanup() { m_service.reset(); }
 
@@ -114,7 +80,7 @@ private slots:
         QFETCH(QByteArray, value);
         QFETCH(QByteArray, lines);
         service()->setDetails(typed("{'A': 'first', 'm': " + value + ", 'z': 'last'}"));
-        const ClientResult result = runClient(m_bus.address(), {"status"});
+        const ClientResult result = runClient(busAddress(), {"status"});
         checkEnded(result);
         QCOMPARE(visible(result.err),
                  visible("Property:  \"A\"  ->  \"first\"\n" + lines + "Property:  \"z\"  ->  \"last\"\n"));
@@ -131,7 +97,7 @@ private slots:
         }
         expected.replace(0, 0, "Property:  \"k\"  -> \n");
         service()->setDetails(details);
-        const ClientResult result = runClient(m_bus.address(), {"status"});
+        const ClientResult result = runClient(busAddress(), {"status"});
         checkEnded(result);
         QCOMPARE(result.err.count('\n'), 21);
         QCOMPARE(visible(result.err), visible(expected));

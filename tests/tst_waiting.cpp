@@ -12,35 +12,13 @@
 
 #include <memory>
 
-class WaitingTest : public QObject
+class WaitingTest : public EndToEnd
 {
     Q_OBJECT
 
-private:
-    PrivateBus m_bus;
-    std::unique_ptr<ServiceOnBus> m_service;
-
-    static void checkEnded(const ClientResult &result)
-    {
-        QVERIFY(result.finished);
-        QCOMPARE(result.exitStatus, QProcess::NormalExit);
-        QCOMPARE(result.exitCode, 0);
-        QCOMPARE(result.out, QByteArray());
-    }
-
 private slots:
-    void initTestCase()
-    {
-        QString error;
-        QVERIFY2(m_bus.start(&error, QStringLiteral(KEP_TESTS_DIR "/bus.conf")), qPrintable(error));
-    }
-
-    void init()
-    {
-        m_service = std::make_unique<ServiceOnBus>(m_bus.address(), QStringLiteral("service"));
-        QString error;
-        QVERIFY2(m_service->start(&error), qPrintable(error));
-    }
+    void initTestCase() { startBus(); }
+    void init() { startService(); }
 
     void cleanup() { m_service.reset(); }
 
@@ -67,7 +45,7 @@ private slots:
             QSKIP("this timer cannot be sped up for this client");
         if (!service)
             m_service.reset();
-        ClientProcess client(m_bus.address());
+        ClientProcess client(busAddress());
         client.setTimeSpeedUp(speedUp);
         client.start(arguments);
         const ClientResult result = client.finish(timeoutMs / speedUp + 30000);
@@ -83,14 +61,14 @@ private slots:
     {
         if (ClientProcess::availableSpeedUp(100) == 1)
             QSKIP("the 180 s timer cannot be sped up for this client");
-        ClientProcess client(m_bus.address());
+        ClientProcess client(busAddress());
         client.setTimeSpeedUp(100);
         client.start({"wps"});
         QVERIFY(m_service->waitForCalls(QStringLiteral("WpsPbc")));
         QVERIFY(waitForSubscription(m_service->connection(), m_service->senderOf(QStringLiteral("WpsPbc")),
                                     QStringLiteral("ScanResults")));
-        emit m_service->object()->service()->ScanResults({});
-        emit m_service->object()->service()->ScanResults({});
+        emit service()->ScanResults({});
+        emit service()->ScanResults({});
         const ClientResult result = client.finish(40000);
         checkEnded(result);
         QCOMPARE(result.err, QByteArray("Wps scan completed, still waiting...\n"
