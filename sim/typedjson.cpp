@@ -9,8 +9,10 @@
 #include <QJsonArray>
 #include <QLocale>
 #include <QMutex>
+#include <QRegularExpression>
 #include <QStringList>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -20,11 +22,11 @@
 
 namespace {
 
-// --- signatures ---------------------------------------------------------------
+// --- types ------------------------------------------------------------------
 
-// One complete D-Bus type. Codes: the basic ones, 'v', 'a' (one child, the
-// element), '{' for a whole dictionary "a{kv}" (children key and value) and
-// '(' for a structure (children the fields).
+// One complete D-Bus type. Codes: the basic ones, 'v', 'a' (children: the
+// element), '{' for a whole dictionary "a{kv}" (the key and the value) and
+// '(' for a structure (the fields).
 struct Type
 {
     char code = 0;
@@ -38,82 +40,71 @@ bool isBasicCode(char code)
 }
 
 const int MaxSignatureLength = 255;
-const int MaxNesting = 32;  // arrays, and structures with dictionary entries
+const int MaxNesting = 32;  // arrays; structures and dictionary entries together in `structs`
 
+// Parses one complete type at `pos`, inside `arrays` arrays and `structs` structures.
 bool parseType(const QString &text, int &pos, Type *type, int arrays, int structs, QString *problem)
 {
-    if (pos >= text.size()) {
-        *problem = QStringLiteral("incomplete type");
-        return false;
-    }
+    const auto failWith = [problem](const char *what) { *problem = QLatin1String(what); return false; };
+    if (pos >= text.size())
+        return failWith("incomplete type");
     const int start = pos;
     const QChar c = text.at(pos++);
-    const char code = c.unicode() < 128 ? char(c.unicode()) : '?';
-    type->code = code;
-    if (code == 'a' && pos < text.size() && text.at(pos) == QLatin1Char('{')) {
-        ++pos;
-        if (++arrays > MaxNesting || ++structs > MaxNesting) {
-            *problem = QStringLiteral("nested more than 32 deep");
-            return false;
+    type->code = c.unicode() < 128 ? char(c.unicode()) : '?';
+    switch (type->code) {
+    case 'a':
+        if (++arrays > MaxNesting)
+            return failWith("nested more than 32 deep");
+        if (pos >= text.size())
+            return failWith("array without element type");
+        if (text.at(pos) != QLatin1Char('{')) {
+            type->children.resize(1);
+            if (!parseType(text, pos, &type->children[0], arrays, structs, problem))
+                return false;
+            break;
         }
+        ++pos;
         type->code = '{';
+        if (++structs > MaxNesting)
+            return failWith("nested more than 32 deep");
         type->children.resize(2);
         if (!parseType(text, pos, &type->children[0], arrays, structs, problem))
             return false;
-        if (!isBasicCode(type->children[0].code)) {
-            *problem = QStringLiteral("dictionary key must be a basic type");
-            return false;
-        }
+        if (!isBasicCode(type->children[0].code))
+            return failWith("dictionary key must be a basic type");
         if (!parseType(text, pos, &type->children[1], arrays, structs, problem))
             return false;
-        if (pos >= text.size() || text.at(pos) != QLatin1Char('}')) {
-            *problem = QStringLiteral("dictionary entry needs exactly a key and a value type");
-            return false;
-        }
-        ++pos;
-    } else if (code == 'a') {
-        if (++arrays > MaxNesting) {
-            *problem = QStringLiteral("nested more than 32 deep");
-            return false;
-        }
-        type->children.resize(1);
-        if (pos >= text.size()) {
-            *problem = QStringLiteral("array without element type");
-            return false;
-        }
-        if (!parseType(text, pos, &type->children[0], arrays, structs, problem))
-            return false;
-    } else if (code == '(') {
-        if (++structs > MaxNesting) {
-            *problem = QStringLiteral("nested more than 32 deep");
-            return false;
-        }
-        while (pos >= text.size() || text.at(pos) != QLatin1Char(')')) {
-            if (pos >= text.size()) {
-                *problem = QStringLiteral("unterminated structure");
-                return false;
-            }
+        if (pos >= text.size() || text.at(pos++) != QLatin1Char('}'))
+            return failWith("dictionary entry needs exactly a key and a value type");
+        break;
+    case '(':
+        if (++structs > MaxNesting)
+            return failWith("nested more than 32 deep");
+        while (pos < text.size() && text.at(pos) != QLatin1Char(')')) {
             type->children.emplace_back();
             if (!parseType(text, pos, &type->children.back(), arrays, structs, problem))
                 return false;
         }
-        ++pos;
-        if (type->children.empty()) {
-            *problem = QStringLiteral("empty structure");
+        if (pos++ >= text.size())
+            return failWith("unterminated structure");
+        if (type->children.empty())
+            return failWith("empty structure");
+        break;
+    case '{':
+        return failWith("dictionary entry outside an array");
+    default:
+        if (!isBasicCode(type->code) && type->code != 'v') {
+            const bool closing = c == QLatin1Char(')') || c == QLatin1Char('}');
+            *problem = QStringLiteral("%1 '%2'").arg(QLatin1String(closing ? "unexpected" : "unknown type code"), c);
             return false;
         }
-    } else if (code == '{') {
-        *problem = QStringLiteral("dictionary entry outside an array");
-        return false;
-    } else if (!isBasicCode(code) && code != 'v') {
-        *problem = (code == ')' || code == '}' ? QStringLiteral("unexpected '%1'") : QStringLiteral("unknown type code '%1'")).arg(c);
-        return false;
     }
     type->signature = text.mid(start, pos - start);
     return true;
 }
 
-bool parseSingleType(const QString &text, Type *type, QString *problem)
+// The type an "@<signature>" member names.
+bool parseExplicitType(const QString &text, Type *type, QString *problem)
 {
     int pos = 0;
     if (text.isEmpty())
@@ -131,39 +122,34 @@ bool parseSingleType(const QString &text, Type *type, QString *problem)
     return false;
 }
 
+Type typeOf(const char *signature)
+{
+    Type type;
+    QString ignored;
+    parseExplicitType(QLatin1String(signature), &type, &ignored);
+    return type;
+}
+
 // What a 'g' value may hold: one or more complete types (QtDBus cannot send
 // an empty signature).
 bool isValidSignature(const QString &text)
 {
-    if (text.isEmpty() || text.size() > MaxSignatureLength)
-        return false;
     QString ignored;
     for (int pos = 0; pos < text.size();) {
         Type type;
         if (!parseType(text, pos, &type, 0, 0, &ignored))
             return false;
     }
-    return true;
+    return !text.isEmpty() && text.size() <= MaxSignatureLength;
 }
 
 bool isValidObjectPath(const QString &path)
 {
-    if (path == QLatin1String("/"))
-        return true;
-    if (!path.startsWith(QLatin1Char('/')) || path.endsWith(QLatin1Char('/')))
-        return false;
-    for (const QString &element : path.mid(1).split(QLatin1Char('/'))) {
-        if (element.isEmpty())
-            return false;
-        for (const QChar c : element) {
-            if (c.unicode() >= 128 || !(c.isLetterOrNumber() || c == QLatin1Char('_')))
-                return false;
-        }
-    }
-    return true;
+    static const QRegularExpression valid(QStringLiteral("^/([A-Za-z0-9_]+(/[A-Za-z0-9_]+)*)?$"));
+    return valid.match(path).hasMatch();
 }
 
-// --- metatype ids for container elements -------------------------------------
+// --- metatype ids for container elements --------------------------------------
 //
 // QDBusArgument::beginArray() and beginMap() want a metatype id whose D-Bus
 // signature is the element type. QtDBus has ids for the basic types and a few
@@ -193,6 +179,7 @@ SlotTable &slotTable()
 }
 
 void writeEmpty(QDBusArgument &arg, const Type &type);
+void appendBasic(QDBusArgument &arg, char code, const QVariant &value);
 
 template <int N>
 QDBusArgument &operator<<(QDBusArgument &arg, const SignatureSlot<N> &)
@@ -249,42 +236,30 @@ const std::array<int, SlotCount> &slotIds()
 
 int builtinTypeId(const Type &type)
 {
-    switch (type.code) {
-    case 'y': return QMetaType::UChar;
-    case 'b': return QMetaType::Bool;
-    case 'n': return QMetaType::Short;
-    case 'q': return QMetaType::UShort;
-    case 'i': return QMetaType::Int;
-    case 'u': return QMetaType::UInt;
-    case 'x': return QMetaType::LongLong;
-    case 't': return QMetaType::ULongLong;
-    case 'd': return QMetaType::Double;
-    case 's': return QMetaType::QString;
-    case 'o': return qMetaTypeId<QDBusObjectPath>();
-    case 'g': return qMetaTypeId<QDBusSignature>();
-    case 'v': return qMetaTypeId<QDBusVariant>();
-    }
-    if (type.signature == QLatin1String("as"))
-        return QMetaType::QStringList;
-    if (type.signature == QLatin1String("ay"))
-        return QMetaType::QByteArray;
-    if (type.signature == QLatin1String("av"))
-        return QMetaType::QVariantList;
-    if (type.signature == QLatin1String("a{sv}"))
-        return QMetaType::QVariantMap;
-    return QMetaType::UnknownType;
+    static const QHash<QString, int> ids = {
+        {QStringLiteral("y"), QMetaType::UChar}, {QStringLiteral("b"), QMetaType::Bool},
+        {QStringLiteral("n"), QMetaType::Short}, {QStringLiteral("q"), QMetaType::UShort},
+        {QStringLiteral("i"), QMetaType::Int}, {QStringLiteral("u"), QMetaType::UInt},
+        {QStringLiteral("x"), QMetaType::LongLong}, {QStringLiteral("t"), QMetaType::ULongLong},
+        {QStringLiteral("d"), QMetaType::Double}, {QStringLiteral("s"), QMetaType::QString},
+        {QStringLiteral("o"), qMetaTypeId<QDBusObjectPath>()}, {QStringLiteral("g"), qMetaTypeId<QDBusSignature>()},
+        {QStringLiteral("v"), qMetaTypeId<QDBusVariant>()}, {QStringLiteral("as"), QMetaType::QStringList},
+        {QStringLiteral("ay"), QMetaType::QByteArray}, {QStringLiteral("av"), QMetaType::QVariantList},
+        {QStringLiteral("a{sv}"), QMetaType::QVariantMap}};
+    return ids.value(type.signature, QMetaType::UnknownType);
 }
 
 int typeIdFor(const Type &type, QString *problem);
 
-// Binds what writeEmpty() needs for the type's insides.
+// Binds the element types writeEmpty() needs for the type's insides.
 bool prepareInsides(const Type &type, QString *problem)
 {
-    if (type.code == 'a')
-        return typeIdFor(type.children[0], problem) != 0;
-    if (type.code == '{')
-        return typeIdFor(type.children[0], problem) != 0 && typeIdFor(type.children[1], problem) != 0;
-    if (type.code == '(') {
+    if (type.code == 'a' || type.code == '{') {
+        for (const Type &child : type.children) {
+            if (typeIdFor(child, problem) == 0)
+                return false;
+        }
+    } else if (type.code == '(') {
         for (const Type &field : type.children) {
             if (!prepareInsides(field, problem))
                 return false;
@@ -330,19 +305,9 @@ void writeEmpty(QDBusArgument &arg, const Type &type)
 {
     QString ignored;
     switch (type.code) {
-    case 'y': arg << uchar(0); break;
-    case 'b': arg << false; break;
-    case 'n': arg << short(0); break;
-    case 'q': arg << ushort(0); break;
-    case 'i': arg << 0; break;
-    case 'u': arg << 0u; break;
-    case 'x': arg << qlonglong(0); break;
-    case 't': arg << qulonglong(0); break;
-    case 'd': arg << 0.0; break;
-    case 's': arg << QString(); break;
-    case 'o': arg << QDBusObjectPath(QStringLiteral("/")); break;
-    case 'g': arg << QDBusSignature(QStringLiteral("s")); break;
-    case 'v': arg << QDBusVariant(QVariant(0)); break;
+    case 'v':
+        arg << QDBusVariant(QVariant(0));
+        break;
     case 'a':
         arg.beginArray(typeIdFor(type.children[0], &ignored));
         arg.endArray();
@@ -357,10 +322,19 @@ void writeEmpty(QDBusArgument &arg, const Type &type)
             writeEmpty(arg, field);
         arg.endStructure();
         break;
+    default:  // only the signature counts: an empty path or signature passes
+        appendBasic(arg, type.code, QVariant());
+        break;
     }
 }
 
-// --- values -------------------------------------------------------------------
+// --- basic values -------------------------------------------------------------
+
+bool fail(QString *error, const QString &where, const QString &problem)
+{
+    *error = where + QLatin1String(": ") + problem;
+    return false;
+}
 
 QString member(const QString &where, const QString &key)
 {
@@ -370,12 +344,6 @@ QString member(const QString &where, const QString &key)
 QString index(const QString &where, int i)
 {
     return where + QLatin1Char('[') + QString::number(i) + QLatin1Char(']');
-}
-
-bool fail(QString *error, const QString &where, const QString &problem)
-{
-    *error = where + QLatin1String(": ") + problem;
-    return false;
 }
 
 QString kindOf(const QJsonValue &json)
@@ -404,80 +372,84 @@ QString numberText(const QJsonValue &json)
     return QString::number(json.toDouble(), 'g', QLocale::FloatingPointShortest);
 }
 
-
-// An integer as read, before its range is checked: the signed value when
-// negative, else the unsigned one; `huge` when it needs more than 64 bits.
-struct Integer
+bool isDecimal(const QString &text)
 {
-    bool negative = false;
-    bool huge = false;
-    qint64 signedValue = 0;
-    quint64 unsignedValue = 0;
-
-    bool within(qint64 min, quint64 max) const
-    {
-        return !huge && (negative ? signedValue >= min : unsignedValue <= max);
-    }
-    qint64 asSigned() const { return negative ? signedValue : qint64(unsignedValue); }
-};
+    static const QRegularExpression decimal(QStringLiteral("^-?[0-9]+$"));
+    return decimal.match(text).hasMatch();
+}
 
 const double TwoPow63 = 9223372036854775808.0;
 const double TwoPow64 = 18446744073709551616.0;
 
-// A JSON number as an integer; x and t also take a decimal string, for
-// values a JSON number does not carry exactly.
-bool readInteger(const Type &type, const QJsonValue &json, Integer *out, QString *text, QString *problem)
+// A JSON number as a value of an integer type. Numbers are integers exactly
+// up to 64 bits signed; x and t also take a decimal string, for values a JSON
+// number does not carry exactly.
+QVariant integerValue(const Type &type, const QJsonValue &json, QString *problem)
 {
+    struct Range { char code; qint64 min; quint64 max; };
+    static const Range ranges[] = {
+        {'y', 0, 255}, {'n', -32768, 32767}, {'q', 0, 65535},
+        {'i', std::numeric_limits<qint32>::min(), std::numeric_limits<qint32>::max()},
+        {'u', 0, std::numeric_limits<quint32>::max()},
+        {'x', std::numeric_limits<qint64>::min(), std::numeric_limits<qint64>::max()},
+        {'t', 0, std::numeric_limits<quint64>::max()}};
+    const Range range = *std::find_if(std::begin(ranges), std::end(ranges), [&](const Range &r) { return r.code == type.code; });
     const bool wide = type.code == 'x' || type.code == 't';
+    bool negative = false;
+    bool fits = true;  // in 64 bits
+    qint64 signedValue = 0;  // when negative
+    quint64 unsignedValue = 0;  // when not
+    QString text;
     if (json.isString() && wide) {
         const QString digits = json.toString();
-        *text = QLatin1Char('"') + digits + QLatin1Char('"');
-        out->negative = digits.startsWith(QLatin1Char('-'));
-        const QStringRef magnitude = digits.midRef(out->negative ? 1 : 0);
-        bool ok = !magnitude.isEmpty();
-        for (const QChar c : magnitude)
-            ok = ok && c.unicode() >= '0' && c.unicode() <= '9';
-        if (!ok) {
-            *problem = QStringLiteral("%1 is not a decimal integer").arg(*text);
-            return false;
+        text = QLatin1Char('"') + digits + QLatin1Char('"');
+        if (!isDecimal(digits)) {
+            *problem = QStringLiteral("%1 is not a decimal integer").arg(text);
+            return {};
         }
-        if (out->negative)
-            out->signedValue = digits.toLongLong(&ok);
+        negative = digits.startsWith(QLatin1Char('-'));
+        if (negative)
+            signedValue = digits.toLongLong(&fits);
         else
-            out->unsignedValue = digits.toULongLong(&ok);
-        out->huge = !ok;
-        return true;
-    }
-    if (!json.isDouble()) {
+            unsignedValue = digits.toULongLong(&fits);
+    } else if (json.isDouble()) {
+        text = numberText(json);
+        const QVariant number = json.toVariant();
+        const double d = json.toDouble();
+        if (number.userType() != QMetaType::LongLong && std::floor(d) != d) {
+            *problem = QStringLiteral("expected an integer for '%1', got %2").arg(type.signature, text);
+            return {};
+        }
+        const bool exact = number.userType() == QMetaType::LongLong;
+        negative = exact ? number.toLongLong() < 0 : d < 0;
+        fits = exact || (d >= -TwoPow63 && d < TwoPow64);
+        signedValue = exact ? number.toLongLong() : (negative && fits ? qint64(d) : 0);
+        unsignedValue = exact ? quint64(number.toLongLong()) : (!negative && fits ? quint64(d) : 0);
+    } else {
         *problem = wrongKind(wide ? "a number or a decimal string" : "a number", type, json);
-        return false;
+        return {};
     }
-    *text = numberText(json);
-    const QVariant number = json.toVariant();
-    if (number.userType() == QMetaType::LongLong) {
-        const qint64 n = number.toLongLong();
-        out->negative = n < 0;
-        out->signedValue = n;
-        out->unsignedValue = quint64(n);
-        return true;
+    if (!fits || (negative ? signedValue < range.min : unsignedValue > range.max)) {
+        *problem = QStringLiteral("%1 is out of range for '%2' (%3 to %4)")
+                       .arg(text, type.signature, QString::number(range.min), QString::number(range.max));
+        return {};
     }
-    const double d = json.toDouble();
-    if (std::floor(d) != d) {
-        *problem = QStringLiteral("expected an integer for '%1', got %2").arg(type.signature, *text);
-        return false;
+    const qint64 value = negative ? signedValue : qint64(unsignedValue);
+    switch (type.code) {
+    case 'y': return QVariant::fromValue(uchar(value));
+    case 'n': return QVariant::fromValue(short(value));
+    case 'q': return QVariant::fromValue(ushort(value));
+    case 'i': return QVariant(int(value));
+    case 'u': return QVariant(uint(value));
+    case 'x': return QVariant(qlonglong(value));
+    default: return QVariant(qulonglong(unsignedValue));
     }
-    out->negative = d < 0;
-    out->huge = d < -TwoPow63 || d >= TwoPow64;
-    if (!out->huge && out->negative)
-        out->signedValue = qint64(d);
-    else if (!out->huge)
-        out->unsignedValue = quint64(d);
-    return true;
 }
 
 // A basic-typed value from JSON, as the Qt type QtDBus sends as that type.
 QVariant basicValue(const Type &type, const QJsonValue &json, QString *problem)
 {
+    const QString text = json.toString();
     switch (type.code) {
     case 'b':
         if (json.isBool())
@@ -491,52 +463,22 @@ QVariant basicValue(const Type &type, const QJsonValue &json, QString *problem)
         return {};
     case 's':
     case 'o':
-    case 'g': {
-        if (!json.isString()) {
+    case 'g':
+        if (!json.isString())
             *problem = wrongKind("a string", type, json);
-            return {};
-        }
-        const QString text = json.toString();
-        if (type.code == 's')
+        else if (text.contains(QChar(0)))  // QtDBus hands strings on as C strings
+            *problem = QStringLiteral("a D-Bus string cannot hold a NUL character");
+        else if (type.code == 's')
             return text;
-        if (type.code == 'o' && isValidObjectPath(text))
+        else if (type.code == 'o' && isValidObjectPath(text))
             return QVariant::fromValue(QDBusObjectPath(text));
-        if (type.code == 'g' && isValidSignature(text))
+        else if (type.code == 'g' && isValidSignature(text))
             return QVariant::fromValue(QDBusSignature(text));
-        *problem = QStringLiteral("\"%1\" is not a valid %2")
-                       .arg(text, type.code == 'o' ? QLatin1String("object path") : QLatin1String("signature"));
+        else
+            *problem = QStringLiteral("\"%1\" is not a valid %2").arg(text, QLatin1String(type.code == 'o' ? "object path" : "signature"));
         return {};
-    }
-    }
-
-    qint64 min = 0;
-    quint64 max = 0;
-    switch (type.code) {
-    case 'y': max = 255; break;
-    case 'n': min = -32768; max = 32767; break;
-    case 'q': max = 65535; break;
-    case 'i': min = std::numeric_limits<qint32>::min(); max = std::numeric_limits<qint32>::max(); break;
-    case 'u': max = std::numeric_limits<quint32>::max(); break;
-    case 'x': min = std::numeric_limits<qint64>::min(); max = std::numeric_limits<qint64>::max(); break;
-    default: max = std::numeric_limits<quint64>::max(); break;
-    }
-    Integer n;
-    QString text;
-    if (!readInteger(type, json, &n, &text, problem))
-        return {};
-    if (!n.within(min, max)) {
-        *problem = QStringLiteral("%1 is out of range for '%2' (%3 to %4)")
-                       .arg(text, type.signature, QString::number(min), QString::number(max));
-        return {};
-    }
-    switch (type.code) {
-    case 'y': return QVariant::fromValue(uchar(n.unsignedValue));
-    case 'n': return QVariant::fromValue(short(n.asSigned()));
-    case 'q': return QVariant::fromValue(ushort(n.unsignedValue));
-    case 'i': return QVariant(int(n.asSigned()));
-    case 'u': return QVariant(uint(n.unsignedValue));
-    case 'x': return QVariant(qlonglong(n.asSigned()));
-    default: return QVariant(qulonglong(n.unsignedValue));
+    default:
+        return integerValue(type, json, problem);
     }
 }
 
@@ -558,46 +500,10 @@ void appendBasic(QDBusArgument &arg, char code, const QVariant &value)
     }
 }
 
-// A dictionary key given as a JSON object member's name, as the JSON value
-// it stands for; Undefined when it stands for none.
-QJsonValue keyFromName(const Type &keyType, const QString &name, QString *problem)
-{
-    bool ok = false;
-    switch (keyType.code) {
-    case 's':
-    case 'o':
-    case 'g':
-        return name;
-    case 'b':
-        if (name == QLatin1String("true") || name == QLatin1String("false"))
-            return name == QLatin1String("true");
-        *problem = QStringLiteral("key \"%1\" is not true or false").arg(name);
-        return QJsonValue(QJsonValue::Undefined);
-    case 'd': {
-        const double d = name.toDouble(&ok);
-        if (ok)
-            return d;
-        *problem = QStringLiteral("key \"%1\" is not a number").arg(name);
-        return QJsonValue(QJsonValue::Undefined);
-    }
-    }
-    const QStringRef digits = name.midRef(name.startsWith(QLatin1Char('-')) ? 1 : 0);
-    ok = !digits.isEmpty();
-    for (const QChar c : digits)
-        ok = ok && c.unicode() >= '0' && c.unicode() <= '9';
-    if (!ok) {
-        *problem = QStringLiteral("key \"%1\" is not an integer").arg(name);
-        return QJsonValue(QJsonValue::Undefined);
-    }
-    const qint64 n = name.toLongLong(&ok);
-    if (ok)
-        return n;
-    if (keyType.code == 'x' || keyType.code == 't')
-        return name;
-    return name.toDouble();  // beyond 64 bits: reported out of range
-}
+// --- containers ---------------------------------------------------------------
 
-// One dictionary entry as written, with the places of its key and value.
+// One dictionary entry as written, with the places of its key and value. A key
+// given as an object member's name is text still to be read as its type.
 struct Entry
 {
     QJsonValue key;
@@ -619,40 +525,66 @@ bool dictEntries(const Type &type, const QJsonValue &json, const QString &where,
         return fail(error, where, wrongKind("an object or an array of [key, value] pairs", type, json));
     const QJsonArray pairs = json.toArray();
     for (int i = 0; i < pairs.size(); ++i) {
-        const QJsonValue pair = pairs.at(i);
-        if (!pair.isArray() || pair.toArray().size() != 2) {
-            const QString got = pair.isArray() ? QStringLiteral("an array of %1").arg(pair.toArray().size()) : kindOf(pair);
+        const QJsonArray pair = pairs.at(i).toArray();
+        if (!pairs.at(i).isArray() || pair.size() != 2) {
+            const QString got = pairs.at(i).isArray() ? QStringLiteral("an array of %1").arg(pair.size()) : kindOf(pairs.at(i));
             return fail(error, index(where, i), QStringLiteral("expected a [key, value] pair, got ") + got);
         }
-        entries->push_back({pair.toArray().at(0), pair.toArray().at(1), false, index(index(where, i), 0),
-                            index(index(where, i), 1)});
+        entries->push_back({pair.at(0), pair.at(1), false, index(index(where, i), 0), index(index(where, i), 1)});
     }
     return true;
 }
 
+// A key given as an object member's name is first read as its type; pairs
+// give keys as JSON values.
 QVariant entryKey(const Type &keyType, const Entry &entry, QString *error)
 {
+    QJsonValue key = entry.key;
+    const QString name = key.toString();
     QString problem;
-    const QJsonValue key = entry.keyIsName ? keyFromName(keyType, entry.key.toString(), &problem) : entry.key;
-    const QVariant value = key.isUndefined() ? QVariant() : basicValue(keyType, key, &problem);
+    if (entry.keyIsName) {
+        bool ok = false;
+        switch (keyType.code) {
+        case 's':
+        case 'o':
+        case 'g':
+            break;
+        case 'b':
+            if (name == QLatin1String("true") || name == QLatin1String("false"))
+                key = name == QLatin1String("true");
+            else
+                problem = QStringLiteral("key \"%1\" is not true or false");
+            break;
+        case 'd':
+            key = name.toDouble(&ok);
+            if (!ok)
+                problem = QStringLiteral("key \"%1\" is not a number");
+            break;
+        default:
+            if (!isDecimal(name))
+                problem = QStringLiteral("key \"%1\" is not an integer");
+            else if (const qint64 n = name.toLongLong(&ok); ok)
+                key = n;
+            else if (keyType.code != 'x' && keyType.code != 't')  // those read decimal strings themselves
+                key = name.toDouble();  // beyond 64 bits: out of range
+        }
+        if (!problem.isEmpty()) {
+            fail(error, entry.keyWhere, problem.arg(name));
+            return {};
+        }
+    }
+    const QVariant value = basicValue(keyType, key, &problem);
     if (!value.isValid())
         fail(error, entry.keyWhere, problem);
     return value;
 }
 
-QVariant notationValue(const QJsonValue &json, const QString &where, QString *error);
+// libdbus refuses a message whose values nest deeper than this, variants
+// included. QtDBus sends such a message all the same, and the connection is
+// closed on it.
+const int MaxDepth = 64;
 
-std::optional<QVariantMap> variantMap(const QJsonObject &object, const QString &where, QString *error)
-{
-    QVariantMap map;
-    for (auto it = object.begin(); it != object.end(); ++it) {
-        const QVariant value = notationValue(it.value(), member(where, it.key()), error);
-        if (!value.isValid())
-            return std::nullopt;
-        map.insert(it.key(), value);
-    }
-    return map;
-}
+QVariant notationValue(const QJsonValue &json, const QString &where, QString *error, int depth);
 
 // A value checked against its type, ready to marshal. Basic values and the
 // contents of a variant are in `value`, so is an ay given as a string; the
@@ -663,14 +595,19 @@ struct Node
 {
     QVariant value;
     std::vector<Node> items;
+    bool fromPairs = false;
 };
 
-bool convert(const Type &type, const QJsonValue &json, const QString &where, Node *node, QString *error)
+// `depth` counts the containers (arrays, structures, dictionary entries and
+// variants) around the value when it is sent as an argument of its own.
+bool convert(const Type &type, const QJsonValue &json, const QString &where, Node *node, QString *error, int depth)
 {
+    if (depth > MaxDepth)
+        return fail(error, where, QStringLiteral("nested more than %1 containers deep").arg(MaxDepth));
     QString problem;
     switch (type.code) {
     case 'v':
-        node->value = notationValue(json, where, error);
+        node->value = notationValue(json, where, error, depth + 1);
         return node->value.isValid();
     case 'a': {
         const Type &element = type.children[0];
@@ -685,7 +622,7 @@ bool convert(const Type &type, const QJsonValue &json, const QString &where, Nod
         const QJsonArray array = json.toArray();
         node->items.resize(std::size_t(array.size()));
         for (int i = 0; i < array.size(); ++i) {
-            if (!convert(element, array.at(i), index(where, i), &node->items[std::size_t(i)], error))
+            if (!convert(element, array.at(i), index(where, i), &node->items[std::size_t(i)], error, depth + 1))
                 return false;
         }
         return true;
@@ -696,14 +633,14 @@ bool convert(const Type &type, const QJsonValue &json, const QString &where, Nod
             return false;
         if (typeIdFor(type.children[0], &problem) == 0 || typeIdFor(type.children[1], &problem) == 0)
             return fail(error, where, problem);
+        node->fromPairs = json.isArray();
         for (const Entry &entry : entries) {
-            Node key;
-            key.value = entryKey(type.children[0], entry, error);
-            if (!key.value.isValid())
-                return false;
-            node->items.push_back(key);
             node->items.emplace_back();
-            if (!convert(type.children[1], entry.value, entry.valueWhere, &node->items.back(), error))
+            node->items.back().value = entryKey(type.children[0], entry, error);
+            if (!node->items.back().value.isValid())
+                return false;
+            node->items.emplace_back();
+            if (!convert(type.children[1], entry.value, entry.valueWhere, &node->items.back(), error, depth + 2))
                 return false;
         }
         return true;
@@ -719,7 +656,7 @@ bool convert(const Type &type, const QJsonValue &json, const QString &where, Nod
         node->items.resize(type.children.size());
         for (int i = 0; i < fields.size(); ++i) {
             const std::size_t field = std::size_t(i);
-            if (!convert(type.children[field], fields.at(i), index(where, i), &node->items[field], error))
+            if (!convert(type.children[field], fields.at(i), index(where, i), &node->items[field], error, depth + 1))
                 return false;
         }
         return true;
@@ -770,55 +707,40 @@ void marshal(QDBusArgument &arg, const Type &type, const Node &node)
     }
 }
 
-// The value of an explicitly given type. Basic types, v, as, ay, av and a{sv}
-// (from an object) come as the Qt types QtDBus sends as them; the rest as a
-// marshalled QDBusArgument.
-QVariant typedValue(const Type &type, const QJsonValue &json, const QString &where, QString *error)
+// The value of a type from JSON. Basic types, v, as, ay, av and a{sv} (but for
+// one given as pairs, which may repeat keys) come as the Qt types QtDBus sends
+// as them; every other container as a marshalled QDBusArgument.
+QVariant typedValue(const Type &type, const QJsonValue &json, const QString &where, QString *error, int depth)
 {
-    QString problem;
-    if (isBasicCode(type.code)) {
-        const QVariant value = basicValue(type, json, &problem);
-        if (!value.isValid())
-            fail(error, where, problem);
-        return value;
+    Node node;
+    if (!convert(type, json, where, &node, error, depth))
+        return {};
+    if (isBasicCode(type.code))
+        return node.value;
+    if (type.code == 'v')
+        return QVariant::fromValue(QDBusVariant(node.value));
+    const int id = builtinTypeId(type);
+    if (id == QMetaType::QVariantMap && !node.fromPairs) {
+        QVariantMap map;
+        for (std::size_t i = 0; i + 1 < node.items.size(); i += 2)
+            map.insert(node.items[i].value.toString(), node.items[i + 1].value);
+        return map;
     }
-    if (type.code == 'v') {
-        const QVariant inner = notationValue(json, where, error);
-        return inner.isValid() ? QVariant::fromValue(QDBusVariant(inner)) : QVariant();
-    }
-    if (type.code == 'a' && builtinTypeId(type) != QMetaType::UnknownType) {
-        const char element = type.children[0].code;
-        if (element == 'y' && json.isString())
-            return json.toString().toUtf8();
-        if (!json.isArray()) {
-            fail(error, where, wrongKind(element == 'y' ? "an array or a string" : "an array", type, json));
-            return {};
-        }
-        const QJsonArray array = json.toArray();
+    if (id == QMetaType::QStringList || id == QMetaType::QVariantList || id == QMetaType::QByteArray) {
+        if (node.value.isValid())
+            return node.value;  // ay from a string
         QVariantList items;
-        for (int i = 0; i < array.size(); ++i) {
-            const QVariant item = element == 'v' ? notationValue(array.at(i), index(where, i), error)
-                                                 : typedValue(type.children[0], array.at(i), index(where, i), error);
-            if (!item.isValid())
-                return {};
-            items << item;
-        }
-        if (element == 'v')
+        for (const Node &item : node.items)
+            items << item.value;
+        if (id == QMetaType::QVariantList)
             return items;
-        if (element == 's')
-            return QVariant(QVariant(items).toStringList());
+        if (id == QMetaType::QStringList)
+            return QVariant(items).toStringList();
         QByteArray bytes;
         for (const QVariant &item : items)
             bytes.append(char(item.value<uchar>()));
         return bytes;
     }
-    if (type.signature == QLatin1String("a{sv}") && json.isObject()) {
-        const std::optional<QVariantMap> map = variantMap(json.toObject(), where, error);
-        return map ? QVariant(*map) : QVariant();
-    }
-    Node node;
-    if (!convert(type, json, where, &node, error))
-        return {};
     QDBusArgument arg;
     marshal(arg, type, node);
     return QVariant::fromValue(arg);
@@ -829,62 +751,45 @@ bool isTypeObject(const QJsonObject &object)
     return object.size() == 1 && object.begin().key().startsWith(QLatin1Char('@'));
 }
 
-QVariant notationValue(const QJsonValue &json, const QString &where, QString *error)
+// Any notation: the type plain JSON takes, or the one given with "@".
+QVariant notationValue(const QJsonValue &json, const QString &where, QString *error, int depth)
 {
+    static const Type s = typeOf("s"), b = typeOf("b"), i = typeOf("i"), x = typeOf("x"), d = typeOf("d"),
+                      as = typeOf("as"), av = typeOf("av"), asv = typeOf("a{sv}");
     switch (json.type()) {
     case QJsonValue::Bool:
-        return json.toBool();
+        return typedValue(b, json, where, error, depth);
     case QJsonValue::String:
-        return json.toString();
+        return typedValue(s, json, where, error, depth);
     case QJsonValue::Double: {
-        const QVariant number = json.toVariant();
-        if (number.userType() == QMetaType::LongLong) {
-            const qint64 n = number.toLongLong();
-            if (n >= std::numeric_limits<qint32>::min() && n <= std::numeric_limits<qint32>::max())
-                return int(n);
-            return qlonglong(n);
+        const bool exact = json.toVariant().userType() == QMetaType::LongLong;  // integral, within 64 bits
+        const double value = json.toDouble();
+        if (!exact && std::floor(value) != value)
+            return typedValue(d, json, where, error, depth);
+        if (!exact && (value < -TwoPow63 || value >= TwoPow63)) {
+            fail(error, where, QStringLiteral("%1 is out of range for 'x'; write {\"@d\": ...} for a double").arg(numberText(json)));
+            return {};
         }
-        const double d = json.toDouble();
-        if (std::floor(d) != d)
-            return d;
-        if (d >= -TwoPow63 && d < TwoPow63)
-            return qlonglong(d);
-        fail(error, where, QStringLiteral("%1 is out of range for 'x'; write {\"@d\": ...} for a double").arg(numberText(json)));
-        return {};
+        const bool small = value >= std::numeric_limits<qint32>::min() && value <= std::numeric_limits<qint32>::max();
+        return typedValue(small ? i : x, json, where, error, depth);
     }
     case QJsonValue::Array: {
         const QJsonArray array = json.toArray();
-        QStringList strings;
-        for (const QJsonValue &item : array) {
-            if (!item.isString())
-                break;
-            strings << item.toString();
-        }
-        if (strings.size() == array.size())
-            return strings;
-        QVariantList items;
-        for (int i = 0; i < array.size(); ++i) {
-            const QVariant item = notationValue(array.at(i), index(where, i), error);
-            if (!item.isValid())
-                return {};
-            items << item;
-        }
-        return items;
+        const bool strings = std::all_of(array.begin(), array.end(), [](const QJsonValue &item) { return item.isString(); });
+        return typedValue(strings ? as : av, json, where, error, depth);
     }
     case QJsonValue::Object: {
         const QJsonObject object = json.toObject();
-        if (isTypeObject(object)) {
-            const QString signature = object.begin().key().mid(1);
-            Type type;
-            QString problem;
-            if (!parseSingleType(signature, &type, &problem)) {
-                fail(error, where, QStringLiteral("invalid type \"@%1\": %2").arg(signature, problem));
-                return {};
-            }
-            return typedValue(type, object.begin().value(), where, error);
+        if (!isTypeObject(object))
+            return typedValue(asv, json, where, error, depth);
+        const QString signature = object.begin().key().mid(1);
+        Type type;
+        QString problem;
+        if (!parseExplicitType(signature, &type, &problem)) {
+            fail(error, where, QStringLiteral("invalid type \"@%1\": %2").arg(signature, problem));
+            return {};
         }
-        const std::optional<QVariantMap> map = variantMap(object, where, error);
-        return map ? QVariant(*map) : QVariant();
+        return typedValue(type, object.begin().value(), where, error, depth);
     }
     case QJsonValue::Null:
         fail(error, where, QStringLiteral("null has no D-Bus type"));
@@ -900,7 +805,7 @@ QVariant notationValue(const QJsonValue &json, const QString &where, QString *er
 QVariant typedJsonValue(const QJsonValue &json, const QString &where, QString *error)
 {
     QString ignored;
-    return notationValue(json, where, error ? error : &ignored);
+    return notationValue(json, where, error ? error : &ignored, 0);
 }
 
 std::optional<QVariantMap> typedJsonMap(const QJsonObject &json, const QString &where, QString *error)
@@ -908,17 +813,20 @@ std::optional<QVariantMap> typedJsonMap(const QJsonObject &json, const QString &
     QString ignored;
     if (!error)
         error = &ignored;
+    QJsonValue members = json;
     if (isTypeObject(json)) {
-        const QString key = json.begin().key();
-        if (key != QLatin1String("@a{sv}")) {
-            fail(error, where, QStringLiteral("expected a dictionary (a{sv}), got type \"%1\"").arg(key));
+        members = json.begin().value();
+        if (json.begin().key() != QLatin1String("@a{sv}")) {
+            fail(error, where, QStringLiteral("expected a dictionary (a{sv}), got type \"%1\"").arg(json.begin().key()));
             return std::nullopt;
         }
-        if (!json.begin().value().isObject()) {
-            fail(error, where, QStringLiteral("expected an object for 'a{sv}', got ") + kindOf(json.begin().value()));
+        if (!members.isObject()) {
+            fail(error, where, QStringLiteral("expected an object for 'a{sv}', got ") + kindOf(members));
             return std::nullopt;
         }
-        return variantMap(json.begin().value().toObject(), where, error);
     }
-    return variantMap(json, where, error);
+    const QVariant map = typedValue(typeOf("a{sv}"), members, where, error, 0);
+    if (!map.isValid())
+        return std::nullopt;
+    return map.toMap();
 }

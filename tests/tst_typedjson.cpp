@@ -14,6 +14,8 @@
 #include <QMutex>
 #include <QTest>
 
+#include <utility>
+
 namespace {
 
 const char PeerName[] = "tst_typedjson";
@@ -137,9 +139,16 @@ private slots:
                                       << R"~(a{sv} {"k": <i 1>, "k": <s "two">})~";
         QTest::newRow("@a{sv} with an @ key") << QByteArray(R"~({"@a{sv}": {"@u": 1}})~") << R"~(a{sv} {"@u": <i 1>})~";
         QTest::newRow("@a{ob}") << QByteArray(R"~({"@a{ob}": {"/a": true}})~") << R"~(a{ob} {"/a": true})~";
+        QTest::newRow("@a{bd} keys") << QByteArray(R"~({"@a{bd}": {"true": 1}})~") << "a{bd} {true: 1}";
+        QTest::newRow("@a{ds} keys") << QByteArray(R"~({"@a{ds}": {"0.5": "h"}})~") << R"~(a{ds} {0.5: "h"})~";
+        QTest::newRow("@a{ts} keys") << QByteArray(R"~({"@a{ts}": {"18446744073709551615": "max"}})~")
+                                     << R"~(a{ts} {18446744073709551615: "max"})~";
         QTest::newRow("@(si)") << QByteArray(R"~({"@(si)": ["a", 3]})~") << R"~((si) ("a", 3))~";
         QTest::newRow("@a(si)") << QByteArray(R"~({"@a(si)": [["a", 1], ["b", 2]]})~") << R"~(a(si) [("a", 1), ("b", 2)])~";
         QTest::newRow("@a(si) empty") << QByteArray(R"~({"@a(si)": []})~") << "a(si) []";
+        QTest::newRow("@a(ybnqiuxtdsogv)")
+            << QByteArray(R"~({"@a(ybnqiuxtdsogv)": [[1, true, -2, 3, -4, 5, -6, 7, 0.5, "s", "/o", "a{sv}", 8]]})~")
+            << R"~(a(ybnqiuxtdsogv) [(1, true, -2, 3, -4, 5, -6, 7, 0.5, "s", "/o", "a{sv}", <i 8>)])~";
         QTest::newRow("@aai") << QByteArray(R"~({"@aai": [[1], [], [2, 3]]})~") << "aai [[1], [], [2, 3]]";
         QTest::newRow("@aa(si)") << QByteArray(R"~({"@aa(si)": [[["a", 1]], []]})~") << R"~(aa(si) [[("a", 1)], []])~";
         QTest::newRow("@a{s(ii)}") << QByteArray(R"~({"@a{s(ii)}": {"k": [1, 2]}})~") << R"~(a{s(ii)} {"k": (1, 2)})~";
@@ -274,6 +283,7 @@ private slots:
         QString error;
         const QVariant value = typedJsonValue(parse(R"~({"@a{q(sy)}": [[2, ["b", 1]], [1, ["a", 2]], [2, ["c", 3]]]})~"),
                                               "Scan", &error);
+        QVERIFY2(value.isValid(), qPrintable(error));
         QDBusMessage message;
         QVERIFY(deliver(value, &message));
         const QDBusArgument arg = message.arguments().value(0).value<QDBusArgument>();
