@@ -32,9 +32,11 @@ public slots:
     }
 };
 
+// The first line the process prints, or nothing if it ends or waits too long.
 QString firstLine(QProcess &process)
 {
-    QTest::qWaitFor([&] { return process.canReadLine() || process.state() == QProcess::NotRunning; }, 20000);
+    if (!QTest::qWaitFor([&] { return process.canReadLine() || process.state() == QProcess::NotRunning; }, 20000))
+        return {};
     return QString::fromLocal8Bit(process.readLine()).trimmed();
 }
 
