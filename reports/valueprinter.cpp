@@ -144,7 +144,8 @@ void printDBusMap(const QDBusArgument &map, int depth)
     const QByteArray tabs(qMax(depth, 0), '\t');
     QVariantMap entries;
     if (!readDictionary(map, entries)) {
-        qDebug().noquote() << tabs.constData() << inlineContainer(map);
+        // Written as plain text: the stream quotes only QString items.
+        qDebug() << tabs.constData() << inlineContainer(map).toUtf8().constData();
         return;
     }
     // keys() repeats a key that came twice; value() gives its later value.
