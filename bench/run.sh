@@ -1,0 +1,267 @@
+#!/usr/bin/env bash
+# Benchmarks kepclient against the generic D-Bus tools doing the same work
+# (gdbus, busctl, dbus-send) on the simulated service, and prints a table:
+# median wall time, user and system time, peak resident memory and
+# instruction counts, each also as a ratio of kepclient to the tool.
+#
+#   bench/run.sh                   build (Release, build-bench/) and measure
+#   bench/run.sh --client PATH     measure another kepclient binary instead
+#                                  (e.g. one built from an older commit)
+#   bench/run.sh --quick           fewer runs (a rough look in under a minute)
+#
+# Installs what is missing (Debian 12, apt-get), builds in build-bench/ and
+# stops everything it started when it ends. It reports, it never fails on a
+# figure; it fails only when something cannot run at all.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+
+client=""
+quick=0
+while [ $# -gt 0 ]; do
+    case $1 in
+    --client) client=$(realpath "$2"); shift 2 ;;
+    --quick) quick=1; shift ;;
+    -h | --help) sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    *) echo "bench/run.sh: unknown argument $1 (see --help)" >&2; exit 2 ;;
+    esac
+done
+
+# Each section is timed in rounds: one hyperfine run over all its commands
+# per round, so that no command gets only the quiet or only the busy moments
+# of the machine. A command's time is the median of its round medians.
+if [ $quick -eq 1 ]; then
+    short=(--warmup 2 --runs 10); short_rounds=1; long=(--warmup 1 --runs 3); long_rounds=1; rss_runs=3
+else
+    short=(--warmup 3 --runs 30); short_rounds=5; long=(--warmup 1 --runs 5); long_rounds=3; rss_runs=5
+fi
+
+say() { echo "bench: $*" >&2; }
+
+# --- tools -----------------------------------------------------------------
+# busctl is in the systemd package; it needs no running systemd to talk to a bus.
+scripts/install-deps.sh hyperfine valgrind time libglib2.0-bin dbus-bin systemd
+
+# --- build -------------------------------------------------------------------
+jobs=$(nproc)
+say "building (Release) in build-bench/"
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF >/dev/null
+cmake --build build-bench -j"$jobs" >/dev/null
+cmake -S bench/floor -B build-bench/floor -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build build-bench/floor -j"$jobs" >/dev/null
+sim=$root/build-bench/kep-sim
+floor=$root/build-bench/floor/floor
+floor_dbus=$root/build-bench/floor/floor-dbus
+[ -n "$client" ] || client=$root/build-bench/kepclient
+
+# --- scenarios, simulated services -------------------------------------------
+work=$(mktemp -d)
+sims=()
+cleanup() {
+    local pid
+    for pid in "${sims[@]}"; do
+        kill -TERM "$pid" 2>/dev/null || true
+    done
+    for pid in "${sims[@]}"; do
+        wait "$pid" 2>/dev/null || true
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+bench/scenarios.sh "$work"
+
+# start_sim NAME: serves $work/NAME.json on a private bus; sets $address.
+start_sim() {
+    "$sim" --scenario "$work/$1.json" serve >"$work/$1.address" 2>"$work/$1.log" &
+    sims+=($!)
+    local i
+    for i in $(seq 100); do
+        address=$(sed -n 's/^DBUS_SYSTEM_BUS_ADDRESS=//p' "$work/$1.address")
+        [ -n "$address" ] && return 0
+        kill -0 "${sims[-1]}" 2>/dev/null || break
+        sleep 0.1
+    done
+    echo "bench/run.sh: kep-sim did not start for $1:" >&2
+    cat "$work/$1.log" >&2
+    exit 1
+}
+
+# --- measuring ------------------------------------------------------------------
+# Every command runs with the simulated bus as the system bus.
+gdbus_get="gdbus call --system --dest com.calyra.kep --object-path /com/calyra/kep --method org.freedesktop.DBus.Properties.Get com.calyra.kep Details"
+busctl_get="busctl --system get-property com.calyra.kep /com/calyra/kep com.calyra.kep Details"
+dbussend_get="dbus-send --system --print-reply --dest=com.calyra.kep /com/calyra/kep org.freedesktop.DBus.Properties.Get string:com.calyra.kep string:Details"
+gdbus_off="gdbus call --system --dest com.calyra.kep --object-path /com/calyra/kep --method com.calyra.kep.SetOffMode"
+busctl_off="busctl --system call com.calyra.kep /com/calyra/kep com.calyra.kep SetOffMode"
+dbussend_off="dbus-send --system --print-reply --dest=com.calyra.kep /com/calyra/kep com.calyra.kep.SetOffMode"
+
+# peak_rss CMD...: median of GNU time's maximum resident set size, in kB.
+peak_rss() {
+    local i
+    for i in $(seq $rss_runs); do
+        DBUS_SYSTEM_BUS_ADDRESS=$address /usr/bin/time -f %M -o "$work/rss" "$@" >/dev/null 2>&1 || true
+        tail -n 1 "$work/rss"
+    done | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'
+}
+
+# instructions CMD...: instructions executed (callgrind's Ir, all threads).
+instructions() {
+    DBUS_SYSTEM_BUS_ADDRESS=$address valgrind --tool=callgrind --callgrind-out-file=/dev/null \
+        --log-file="$work/valgrind.log" "$@" >/dev/null 2>&1 || true
+    sed -n 's/.*Collected : \([0-9]*\).*/\1/p' "$work/valgrind.log" | tail -n 1
+}
+
+# lines_printed CMD...: how many lines the command writes (both streams).
+lines_printed() {
+    DBUS_SYSTEM_BUS_ADDRESS=$address "$@" 2>&1 | wc -l
+}
+
+# measure SECTION RUNS-ARRAY-NAME WITH-IR LABEL=COMMAND...: times the
+# commands of a section in rounds (RUNS-ARRAY-NAME_rounds hyperfine runs over
+# all of them, with the options in the array RUNS-ARRAY-NAME), then takes
+# peak RSS and, when WITH-IR is 1, instruction counts one by one. A COMMAND is
+# one line of words without quoting.
+# Appends a row per command to $work/rows, fields separated by |:
+#   section|label|median s|user s|system s|peak RSS kB|instructions
+measure() {
+    local section=$1 runs_name=$2 with_ir=$3; shift 3
+    local -n runs_ref=$runs_name
+    local -n rounds=${runs_name}_rounds
+    local labels=() commands=() pair
+    for pair in "$@"; do
+        labels+=("${pair%%=*}")
+        commands+=("${pair#*=}")
+    done
+    say "measuring: $section"
+    local round
+    for round in $(seq $rounds); do
+        DBUS_SYSTEM_BUS_ADDRESS=$address hyperfine -N --style none "${runs_ref[@]}" \
+            --export-csv "$work/$section.$round.csv" "${commands[@]}" >/dev/null 2>"$work/hyperfine.log" \
+            || { cat "$work/hyperfine.log" >&2; exit 1; }
+    done
+    local i rss ir times
+    for i in "${!commands[@]}"; do
+        # shellcheck disable=SC2086 # a command line is split into its words here
+        rss=$(peak_rss ${commands[$i]})
+        ir=""
+        # shellcheck disable=SC2086
+        [ "$with_ir" -eq 0 ] || ir=$(instructions ${commands[$i]})
+        # median of the round medians; user and system time as their medians too
+        times=$(for round in $(seq $rounds); do
+                    awk -F, -v row=$((i + 2)) 'NR == row { print $4, $5, $6 }' "$work/$section.$round.csv"
+                done | awk '{ m[NR] = $1; u[NR] = $2; s[NR] = $3 }
+                    function median(a, n,    i, j, t) {
+                        for (i = 2; i <= n; i++) for (j = i; j > 1 && a[j - 1] > a[j]; j--) { t = a[j]; a[j] = a[j - 1]; a[j - 1] = t }
+                        return n % 2 ? a[(n + 1) / 2] : (a[n / 2] + a[n / 2 + 1]) / 2
+                    }
+                    END { print median(m, NR) "|" median(u, NR) "|" median(s, NR) }')
+        echo "$section|${labels[$i]}|$times|$rss|$ir" >>"$work/rows"
+    done
+}
+
+# --- the runs --------------------------------------------------------------------
+start_sim typical
+typical_lines=$(lines_printed "$client" status)
+[ "$typical_lines" -gt 0 ] || { echo "bench/run.sh: kepclient status printed nothing" >&2; exit 1; }
+measure status short 1 \
+    "kepclient status=$client status" \
+    "gdbus call=$gdbus_get" \
+    "busctl get-property=$busctl_get" \
+    "dbus-send --print-reply=$dbussend_get" \
+    "floor: QCoreApplication only=$floor" \
+    "floor: + systemBus + Get=$floor_dbus get" \
+    "floor: + systemBus + Get + qDebug=$floor_dbus print"
+measure off short 1 \
+    "kepclient off=$client off" \
+    "gdbus call=$gdbus_off" \
+    "busctl call=$busctl_off" \
+    "dbus-send --print-reply=$dbussend_off"
+
+start_sim large
+large_lines=$(lines_printed "$client" status)
+measure large long 0 \
+    "kepclient status=$client status" \
+    "busctl get-property=$busctl_get" \
+    "gdbus call=$gdbus_get"
+
+start_sim scan
+scan_lines=$(lines_printed "$client" scan)
+measure scan long 0 \
+    "kepclient scan=$client scan"
+
+# --- the report ------------------------------------------------------------------
+print_section() {
+    local section=$1 title=$2
+    echo
+    echo "## $title"
+    echo
+    awk -F'|' -v section="$section" '
+        $1 != section { next }
+        {
+            n++; label[n] = $2; median[n] = $3 * 1000; user[n] = $4 * 1000; sys[n] = $5 * 1000
+            rss[n] = $6; ir[n] = $7
+        }
+        function ratio(a, b) { return (a > 0 && b > 0) ? sprintf("%.2f", a / b) : "-" }
+        END {
+            printf "| %-34s | %9s | %8s | %7s | %7s | %11s | %8s | %13s | %8s |\n", "command", "median ms", \
+                "kep/this", "user ms", "sys ms", "peak RSS kB", "kep/this", "instructions", "kep/this"
+            printf "|:-----------------------------------|----------:|---------:|--------:|--------:|"
+            printf "------------:|---------:|--------------:|---------:|\n"
+            for (i = 1; i <= n; i++)
+                printf "| %-34s | %9.2f | %8s | %7.2f | %7.2f | %11s | %8s | %13s | %8s |\n", label[i], median[i], \
+                    ratio(median[1], median[i]), user[i], sys[i], rss[i], ratio(rss[1], rss[i]), \
+                    (ir[i] == "" ? "-" : ir[i]), ratio(ir[1], ir[i])
+        }' "$work/rows"
+}
+
+value() { awk -F'|' -v s="$1" -v l="$2" -v f="$3" '$1 == s && $2 == l { print $f }' "$work/rows"; }
+
+# compare TEXT A B [LIMIT]: the ratio A / B, against a goal when LIMIT is given.
+compare() {
+    awk -v t="$1" -v a="$2" -v b="$3" -v lim="${4:-}" 'BEGIN {
+        if (a <= 0 || b <= 0) { printf "- %-62s     -\n", t; exit }
+        r = a / b
+        if (lim == "")
+            printf "- %-62s %5.2f\n", t, r
+        else
+            printf "- %-62s %5.2f  (goal <= %.1f: %s)\n", t, r, lim, (r <= lim ? "met" : "NOT met")
+    }'
+}
+
+echo "# kepclient benchmark"
+echo
+echo "$(date -u +%Y-%m-%dT%H:%MZ), $(nproc) CPUs, kernel $(uname -r), Qt $(dpkg-query -W -f='${Version}' libqt5core5a 2>/dev/null)"
+echo "client: $client"
+echo "kep/this: kepclient's figure divided by this command's (below 1: kepclient needs less)"
+echo "times: hyperfine -N, $short_rounds round(s) of ${short[*]} (one-shot), $long_rounds of ${long[*]} (large status, scan),"
+echo "       median of the round medians; output to /dev/null"
+echo "peak RSS: GNU time %M, median of $rss_runs runs; instructions: callgrind Ir of one run, all threads"
+print_section status "one-shot status: Details of $typical_lines lines"
+print_section off "one-shot off: SetOffMode (the tools wait for its reply, kepclient for its Ping to the bus)"
+print_section large "large status: Details of $large_lines lines (20 000 nested dictionaries)"
+print_section scan "scan: ScanResults of 5 000 networks, $scan_lines lines, no scan delay"
+echo
+echo "The other tools have no one-shot equivalent of scan (call Scan, then wait for"
+echo "the ScanResults signal and print it); gdbus monitor prints signals until it is"
+echo "interrupted, which is not comparable, so scan is measured for kepclient alone."
+echo
+echo "## goals (ratios from this run)"
+echo
+compare "one-shot status, time: kepclient / gdbus call" \
+    "$(value status 'kepclient status' 3)" "$(value status 'gdbus call' 3)" 1.0
+compare "large status, time: kepclient / busctl get-property" \
+    "$(value large 'kepclient status' 3)" "$(value large 'busctl get-property' 3)" 1.0
+compare "one-shot status, peak RSS: kepclient / gdbus call" \
+    "$(value status 'kepclient status' 6)" "$(value status 'gdbus call' 6)" 2.0
+echo
+echo "For reference, the floors (bench/floor): a QCoreApplication that starts and exits;"
+echo "one that also reads Details over QtDBus; and one that also prints one qDebug() line:"
+echo
+for f in "floor: QCoreApplication only" "floor: + systemBus + Get" "floor: + systemBus + Get + qDebug"; do
+    compare "time: $f / gdbus call" "$(value status "$f" 3)" "$(value status 'gdbus call' 3)"
+done
+for f in "floor: QCoreApplication only" "floor: + systemBus + Get" "floor: + systemBus + Get + qDebug"; do
+    compare "peak RSS: $f / gdbus call" "$(value status "$f" 6)" "$(value status 'gdbus call' 6)"
+done
