@@ -24,6 +24,7 @@ const char Usage[] =
     "      DBUS_SYSTEM_BUS_ADDRESS pointing at it, then tear everything down.\n"
     "      Exits with COMMAND's exit status.\n"
     "  kep-sim [options] serve [--system | --address ADDRESS]\n"
+    "  kep-sim [options] --system | --address ADDRESS\n"
     "      Serve until interrupted: on the system bus, on the bus at ADDRESS, or on\n"
     "      a private bus whose address is printed as DBUS_SYSTEM_BUS_ADDRESS=...\n"
     "  kep-sim [options] check\n"
@@ -85,7 +86,9 @@ int main(int argc, char **argv)
     parser.process(app);
 
     QStringList words = parser.positionalArguments();
-    const QString mode = words.isEmpty() ? QString() : words.takeFirst();
+    // "kep-sim --system" alone (or with --address) means serve.
+    const bool busGiven = parser.isSet(systemOption) || parser.isSet(addressOption);
+    const QString mode = !words.isEmpty() ? words.takeFirst() : busGiven ? QStringLiteral("serve") : QString();
     if (mode == QLatin1String("run") && !words.isEmpty() && words.first() == QLatin1String("--"))
         words.removeFirst();
     if ((mode != QLatin1String("run") && mode != QLatin1String("serve") && mode != QLatin1String("check"))
