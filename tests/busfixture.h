@@ -99,6 +99,12 @@ class EndToEnd : public QObject
 {
     Q_OBJECT
 
+private slots:
+    // The usual set-up; a suite that needs another declares its own.
+    void initTestCase() { startBus(); }
+    void init() { startService(); }
+    void cleanup() { m_service.reset(); }
+
 protected:
     void startBus();       // a new private bus (and no service yet)
     void startService();   // a fresh simulated service on the bus

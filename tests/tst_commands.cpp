@@ -32,11 +32,6 @@ private:
     ClientResult run(const QStringList &arguments) { return runClient(busAddress(), arguments); }
 
 private slots:
-    void initTestCase() { startBus(); }
-    void init() { startService(); }
-
-    void cleanup() { m_service.reset(); }
-
     void commands_data()
     {
         QTest::addColumn<QStringList>("arguments");

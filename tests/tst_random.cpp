@@ -435,9 +435,6 @@ private slots:
         startBus();
     }
 
-    void init() { startService(); }
-
-    void cleanup() { m_service.reset(); }
 
     void status()
     {

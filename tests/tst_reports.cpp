@@ -41,11 +41,6 @@ class ReportsTest : public EndToEnd
     Q_OBJECT
 
 private slots:
-    void initTestCase() { startBus(); }
-    void init() { startService(); }
-
-    void cleanup() { m_service.reset(); }
-
     void status_data()
     {
         QTest::addColumn<QVariantMap>("details");

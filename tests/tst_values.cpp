@@ -33,11 +33,6 @@ class ValuesTest : public EndToEnd
     Q_OBJECT
 
 private slots:
-    void initTestCase() { startBus(); }
-    void init() { startService(); }
-
-    void cleanup() { m_service.reset(); }
-
     // Each row puts one odd value between two plain keys, "A" and "z".
     void status_data()
     {

@@ -17,11 +17,6 @@ class WaitingTest : public EndToEnd
     Q_OBJECT
 
 private slots:
-    void initTestCase() { startBus(); }
-    void init() { startService(); }
-
-    void cleanup() { m_service.reset(); }
-
     void timeout_data()
     {
         QTest::addColumn<QStringList>("arguments");
