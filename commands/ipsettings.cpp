@@ -2,10 +2,9 @@
 #include "commands/ipsettings.h"
 
 #include "client/kepclient.h"
+#include "commands/ipv4address.h"
 
 #include "kep_interface.h"
-
-#include <QHostAddress>
 
 std::pair<bool, QVariantMap> ipSettingsMap(const QStringList &words)
 {
@@ -15,7 +14,7 @@ std::pair<bool, QVariantMap> ipSettingsMap(const QStringList &words)
     QString dns; // every word from the fourth on, joined by blanks
     for (int i = 0; i < words.size(); ++i) {
         const QString &word = words.at(i);
-        if (QHostAddress(word).protocol() != QAbstractSocket::IPv4Protocol)
+        if (!isIpv4Address(word))
             return {false, QVariantMap()};
         if (i < 3) {
             settings.insert(QLatin1String(keys[i]), word);
