@@ -4,9 +4,10 @@
 #   - host packages: the armhf cross toolchain, qemu-arm, the host Qt 5 tools
 #     (moc, qdbusxml2cpp, ...) and cmake;
 #   - an armhf sysroot in .cross/sysroot-armhf holding Debian 12's armhf Qt 5
-#     headers, CMake config files and the runtime libraries of Qt 5 Core, DBus
-#     and Network together with their whole dependency closure, fetched with
-#     `apt-get download` (cached in .cross/debs) and unpacked with `dpkg -x`.
+#     headers, CMake config files and the runtime libraries of Qt 5 Core, DBus,
+#     Network and Test, and GLib's development files (libglib2.0-dev), each
+#     with its dependency closure, fetched with `apt-get download` (cached in
+#     .cross/debs) and unpacked with `dpkg -x`.
 #     Nothing armhf is installed into the host's dpkg database.
 # Idempotent: prints nothing and touches nothing when all is in place.
 # KEP_ARMHF_SYSROOT, when set in the environment, overrides the sysroot path.
@@ -26,9 +27,9 @@ host_packages=(crossbuild-essential-armhf qemu-user qtbase5-dev-tools qtbase5-de
 # files (qtbase5-dev), and the mkspec directory that Qt5Core's CMake config
 # requires (qt5-qmake).
 dev_packages=(qtbase5-dev qt5-qmake)
-# Taken with the closure of their Depends/Pre-Depends. Qt 5 Test is for the
-# test suite (BUILD_TESTING=ON).
-runtime_roots=(libqt5core5a libqt5dbus5 libqt5network5 libqt5test5)
+# Taken with the closure of their Depends/Pre-Depends. Qt 5 Network and Test
+# are for the test suite (BUILD_TESTING=ON); kep-sim is built on GLib's GDBus.
+closure_roots=(libqt5core5a libqt5dbus5 libqt5network5 libqt5test5 libglib2.0-dev)
 
 say() { echo "cross-prepare: $*" >&2; }
 die() { say "error: $*"; exit 1; }
@@ -119,34 +120,53 @@ first_alternatives() {
         sed 's/:.*$//'
 }
 
-# Package records (name, version, architecture) of the candidates, one a line.
+# Package records (name, version, architecture, multi-arch) of the
+# candidates, one a line.
 records() {
     apt-cache show --no-all-versions "$@" 2>/dev/null | awk '
         /^Package: /      { p = $2 }
         /^Version: /      { v = $2 }
         /^Architecture: / { a = $2 }
-        /^$/ { if (p != "") print p, v, a; p = v = a = "" }
-        END  { if (p != "") print p, v, a }'
+        /^Multi-Arch: /   { m = $2 }
+        /^$/ { if (p != "") print p, v, a, (m == "" ? "no" : m); p = v = a = m = "" }
+        END  { if (p != "") print p, v, a, (m == "" ? "no" : m) }'
 }
 
-declare -A seen=()
+# The closure stops at tools (Multi-Arch: foreign, e.g. GLib's code
+# generators and pkg-config) and at architecture-independent packages: the
+# build machine's own serve there, and their dependencies are no armhf code.
+# It also stops at the C library's development files, which come with the
+# cross toolchain (libc6-dev-armhf-cross): a second copy in the sysroot would
+# shadow them, since GLib's pkg-config flags name the sysroot's usr/include.
+declare -A seen=([libc6-dev]=1) closure=()
 frontier=()
-for p in "${runtime_roots[@]}"; do seen[$p]=1; frontier+=("$p"); done
+for p in "${closure_roots[@]}"; do seen[$p]=1; closure[$p]=1; frontier+=("$p"); done
 while [ ${#frontier[@]} -gt 0 ]; do
-    next=()
+    candidates=()
     while read -r d; do
         if [ -z "$d" ] || [ -n "${seen[$d]:-}" ]; then continue; fi
         seen[$d]=1
-        next+=("$d")
+        candidates+=("$d")
     done < <(first_alternatives "${frontier[@]/%/:$arch}" | sort -u)
-    frontier=("${next[@]}")
+    frontier=()
+    [ ${#candidates[@]} -gt 0 ] || break
+    declare -A known=()
+    while read -r p _ a m; do
+        known[$p]=1
+        if [ "$a" = "$arch" ] && [ "$m" != foreign ]; then closure[$p]=1; frontier+=("$p"); fi
+    done < <(records "${candidates[@]/%/:$arch}")
+    for p in "${candidates[@]}"; do
+        [ -n "${known[$p]:-}" ] || [ "$(records "$p" | awk 'NR == 1 { print $3 }')" = all ] ||
+            die "no $arch candidate for package $p"
+    done
+    unset known
 done
 
-wanted=("${dev_packages[@]}" "${!seen[@]}")
+wanted=("${dev_packages[@]}" "${!closure[@]}")
 mapfile -t wanted < <(printf '%s\n' "${wanted[@]}" | sort -u)
 
 declare -A version=()
-while read -r p v a; do
+while read -r p v a _; do
     [ "$a" = "$arch" ] && version[$p]=$v
 done < <(records "${wanted[@]/%/:$arch}")
 
@@ -206,6 +226,8 @@ for f in "usr/lib/$triplet/cmake/Qt5Core/Qt5CoreConfig.cmake" \
          "usr/lib/$triplet/cmake/Qt5Test/Qt5TestConfig.cmake" \
          "usr/lib/$triplet/libQt5Core.so" \
          "usr/include/$triplet/qt5/QtCore/qglobal.h" \
+         "usr/lib/$triplet/pkgconfig/gio-2.0.pc" \
+         "usr/include/glib-2.0/gio/gio.h" \
          "lib/ld-linux-armhf.so.3"; do
     [ -e "$tmp/$f" ] || die "sysroot lacks $f"
 done
