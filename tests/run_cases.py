@@ -1,0 +1,235 @@
+#!/usr/bin/python3
+"""Runs tables of end-to-end cases: the kepclient binary, started as users start it, against kep-sim
+owning com.calyra.kep on a private bus, scripted through kep-sim's control interface.
+
+A case is a block of lines ended by a blank line; "= @name" blocks define lines that "| @name" stands for.
+  $ words                      a command line after the program, shell-quoted ("$ [...]": a Python list with
+                               bytes or expressions; "$ sim ...": kep-sim's own); each $ line is one run
+  + Property value             the service's property before the run (any GVariant text, any type)
+  ! Property [Error message]   reads of the property answer that error; with no error, never answer
+  ~ Signal (args,)             once the client listens for Signal, the service emits it ("~!": a stranger)
+  ~ restart / ~ drop-bus       the service restarts / the bus goes away while the client waits
+  & clock S                    the client's clock runs fast; it must end after S of its seconds
+  & prog NAME / & no-argv      started under another name / with no argument vector at all
+  & no-service / & recapture   no service on the bus / served again from kep-sim's capture of it
+  & scenario TEXT / & exit N   kep-sim's scenario file (as {scenario}) / expected exit status
+  | text                       one line of standard error, ⇥ a tab, · a blank
+  > Member sig (body)          one call received, in order ("> !": refused); none listed, none made
+"""
+import ctypes, glob, os, select, shlex, subprocess, sys, tempfile, time
+from gi.repository import Gio, GLib
+
+CLIENT = os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT']
+WRAPPER = os.environ.get('KEPCLIENT_WRAPPER', '').split()
+SIM = os.environ['KEPSIM']
+WORK = tempfile.mkdtemp(prefix='kep-cases.')
+SCENARIO = os.path.join(WORK, 'scenario')
+SPEED = 60
+WITH_US = ['setpriv', '--pdeathsig', 'KILL']  # children die with the runner, whatever happens
+KEP = ('com.calyra.kep', '/com/calyra/kep')
+
+
+class Failed(Exception):
+    pass
+
+
+def first_line(proc, what):
+    if not select.select([proc.stdout], [], [], 10)[0]:
+        raise Failed(what + ' did not start')
+    return proc.stdout.readline().decode().strip()
+
+
+def until(check, what, timeout=10):
+    end = time.monotonic() + timeout
+    while not check():
+        if time.monotonic() > end:
+            raise Failed('gave up waiting for ' + what)
+        time.sleep(0.002)
+
+
+class Bus:
+    def __init__(self):
+        self.daemon = subprocess.Popen(WITH_US + ['dbus-daemon', '--session', '--nofork', '--print-address',
+                                       '--address=unix:tmpdir=' + WORK], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.address = first_line(self.daemon, 'dbus-daemon')
+        self.conn = Gio.DBusConnection.new_for_address_sync(self.address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+                                                            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+        self.sim = None
+
+    def control(self, method, fmt='()', *args):
+        return self.conn.call_sync(*KEP, 'com.calyra.kep.Sim', method, GLib.Variant(fmt, args), None, 0, 5000,
+                                   None).unpack()
+
+    def serve(self):
+        self.stop_sim()
+        self.sim = subprocess.Popen(WITH_US + [SIM, '--address', self.address, '--scenario', SCENARIO],
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        first_line(self.sim, 'kep-sim')
+
+    def listening(self, member):
+        rules = self.conn.call_sync('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats',
+                                    'GetAllMatchRules', None, None, 0, 5000, None).unpack()[0]
+        return any("member='%s'" % member in rule for rules in rules.values() for rule in rules)
+
+    def stop_sim(self):
+        if self.sim:
+            self.sim.kill(), self.sim.wait()
+        self.sim = None
+
+    def close(self):
+        self.stop_sim()
+        self.daemon.kill(), self.daemon.wait()
+
+
+def spawn_without_argv(env, out, err):
+    """exec with an empty argument vector, which no process module of the language allows"""
+    pid = os.fork()
+    if pid == 0:
+        os.dup2(out, 1), os.dup2(err, 2)
+        libc = ctypes.CDLL(None)
+        libc.prctl(1, 9)  # PR_SET_PDEATHSIG: SIGKILL
+        envp = [b'%s=%s' % (k.encode(), v.encode()) for k, v in env.items()] + [None]
+        libc.execve(CLIENT.encode(), (ctypes.c_char_p * 1)(None), (ctypes.c_char_p * len(envp))(*envp))
+        os._exit(127)
+    status = []
+    until(lambda: status.append(os.waitpid(pid, os.WNOHANG)) or status[-1][0], 'the client to end', 120)
+    return os.waitstatus_to_exitcode(status[-1][1])
+
+
+def emit(bus, client, kind, text):
+    if text == 'restart':
+        return bus.serve()
+    member, args = text.split(' ', 1) if ' ' in text else ('ScanResults', None)
+    until(lambda: bus.listening(member), 'the client to listen for ' + member)
+    if 'libQt5Network' in open('/proc/%d/maps' % client.pid).read():
+        raise Failed('the waiting client maps QtNetwork')
+    if text == 'drop-bus':
+        return bus.daemon.kill()
+    args = GLib.Variant.parse(None, args, None, None)
+    if kind == '~!':
+        bus.conn.emit_signal(None, KEP[1], KEP[0], member, args)
+    else:
+        bus.control('EmitSignal', '(sav)', member, [args.get_child_value(i) for i in range(args.n_children())])
+
+
+def run_client(bus, case, words):
+    env = {k: v for k, v in os.environ.items() if not k.startswith('QT_') and k != 'DBUS_SESSION_BUS_ADDRESS'}
+    env.update(DBUS_SYSTEM_BUS_ADDRESS=bus.address, LC_ALL='C.UTF-8',
+               ASAN_OPTIONS=env.get('ASAN_OPTIONS', '') + ':verify_asan_link_order=0')  # faketime preloads first
+    if 'clock' in case:  # libfaketime itself: the faketime program would fork the client off
+        env.update(FAKETIME='+0 x%d' % SPEED, LD_PRELOAD=glob.glob('/usr/lib/*/faketime/libfaketime.so.1')[0])
+    prog = os.path.join(WORK, case['prog']) if 'prog' in case else CLIENT
+    os.path.lexists(prog) or os.symlink(CLIENT, prog)
+    out, err = (open(os.path.join(WORK, name), 'w+b') for name in ('out', 'err'))
+    started = time.monotonic()
+    if 'no-argv' in case:
+        status = spawn_without_argv(env, out.fileno(), err.fileno())
+    else:
+        client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL, stdout=out,
+                                  stderr=err)
+        try:
+            for kind, text in case['events']:
+                emit(bus, client, kind, text)
+            status = client.wait(timeout=120)
+        finally:
+            client.kill()
+    seconds = (time.monotonic() - started) * SPEED
+    if 'clock' in case and not float(case['clock']) <= seconds < float(case['clock']) * 2 + 10:
+        raise Failed('ended after %.1f of its seconds, not %s' % (seconds, case['clock']))
+    out.seek(0), err.seek(0)
+    return status, out.read(), err.read().decode('utf-8', 'replace'), prog
+
+
+def run(bus, case, blocks, words):
+    open(SCENARIO, 'w').write(case.get('scenario', "{'silent': <true>}"))
+    if words[:1] == ['sim']:
+        done = subprocess.run(WITH_US + [SIM] + [w.replace('{scenario}', SCENARIO) for w in words[1:]],
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
+        status, out, err, prog, calls = done.returncode, b'', done.stderr.decode(), '', []
+    else:
+        if 'no-service' not in case:
+            bus.serve()
+            for name, value in case['props']:
+                bus.control('SetProperty', '(sv)', name, GLib.Variant.parse(None, value, None, None))
+            for name, error in case['faults']:
+                bus.control('FailReads', '(sss)', name, *(error.split(' ', 1) + [''])[:2])
+            if 'recapture' in case:
+                open(SCENARIO, 'wb').write(subprocess.run([SIM, 'capture', '--address', bus.address],
+                                                          capture_output=True, check=True).stdout)
+                bus.serve()
+        status, out, err, prog = run_client(bus, case, words)
+        gone = 'no-service' in case or ('~', 'drop-bus') in case['events']
+        calls = [] if gone else ['%s%s %s %s' % ('!' if refused else '', member, sig or '-', body)
+                                 for member, sig, body, refused in bus.control('Calls')[0]]
+    expected = ''
+    for line in case['err']:
+        for line in blocks.get(line[1:], []) if line.startswith('@') else [line]:
+            expected += line.replace('⇥', '\t').replace('·', ' ') + '\n'
+    expected = expected.replace('{prog}', prog.replace('\\', '\\\\').replace('"', '\\"')).replace('{scenario}', SCENARIO)
+    problems = []
+    if status != int(case.get('exit', 0)) or out:
+        problems.append('exit status %d, standard output %r' % (status, out[:200]))
+    if err != expected:
+        problems.append('standard error:\n%s\nexpected:\n%s' % (err[:4000], expected[:4000]))
+    if calls != case['calls']:
+        problems.append('calls:\n  %s\nexpected:\n  %s' % ('\n  '.join(calls), '\n  '.join(case['calls'])))
+    if problems:
+        raise Failed('\n'.join(problems))
+
+
+def parse(path):
+    cases, blocks, case = [], {}, None
+    for number, line in enumerate(open(path, encoding='utf-8').read().splitlines() + [''], 1):
+        tag, _, text = line.partition(' ')
+        if not line.strip() or line.startswith('#'):
+            case = case if line.strip() else None
+            continue
+        if case is None:
+            case = dict(line=number, runs=[], props=[], faults=[], events=[], err=[], calls=[])
+            cases.append(case)
+        if tag == '=':
+            cases.pop(), blocks.setdefault(text[1:], case['err'])
+        elif tag == '$':
+            case['runs'].append(eval(text, {'__builtins__': {}}) if text.startswith('[') else shlex.split(text))
+        elif tag in '+!':
+            case['props' if tag == '+' else 'faults'].append((text.split(' ', 1) + [''])[:2])
+        elif tag in ('~', '~!'):
+            case['events'].append((tag, text))
+        elif tag == '&':
+            key, _, value = text.partition(' ')
+            case[key] = value
+        elif tag in '|>':
+            case['err' if tag == '|' else 'calls'].append(text)
+    return cases, blocks
+
+
+def main():
+    counts = [0, 0, 0]  # passed, failed, skipped
+    for path in sys.argv[1:]:
+        cases, blocks = parse(path)
+        bus = Bus()
+        try:
+            for case in cases:
+                for words in case['runs'] or [[]]:
+                    where = '%s:%d %s' % (os.path.basename(path), case['line'], shlex.join(map(str, words))[:60])
+                    if WRAPPER and ({'clock', 'no-argv'} & case.keys() or words[:1] == ['sim']):
+                        counts[2] += 1  # qemu-user keeps the real clock and an argument vector of its own
+                        continue
+                    try:
+                        run(bus, case, blocks, words)
+                        counts[0] += 1
+                        print('ok', where)
+                    except (Failed, GLib.Error, subprocess.SubprocessError) as e:
+                        counts[1] += 1
+                        print('FAIL', where, '\n' + str(e))
+                    if bus.daemon.poll() is not None:
+                        bus.close()
+                        bus = Bus()
+        finally:
+            bus.close()
+    print('%d passed, %d failed, %d skipped' % tuple(counts))
+    return 1 if counts[1] else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
