@@ -1,186 +1,188 @@
 // kep-sim: the connection manager, simulated, for trying kepclient and
-// developing scripts around it without the device.
-#include "sim/busobject.h"
-#include "sim/privatebus.h"
-#include "sim/scenario.h"
+// scripting around it without the device.
+#include "service/endpoint.h"
+#include "sim/service.h"
 
-#include <QCommandLineParser>
-#include <QCoreApplication>
-#include <QDBusConnection>
-#include <QProcess>
-#include <QSocketNotifier>
+#include <glib-unix.h>
+#include <glib/gstdio.h>
 
 #include <csignal>
 #include <cstdio>
-#include <fcntl.h>
-#include <unistd.h>
+#include <cstring>
+#include <sys/wait.h>
 
 namespace {
 
-const char Usage[] =
-    "Usage:\n"
-    "  kep-sim [options] run [--] COMMAND [ARGS...]\n"
-    "      Start a private bus, serve the simulated service on it, run COMMAND with\n"
-    "      DBUS_SYSTEM_BUS_ADDRESS pointing at it, then tear everything down.\n"
-    "      Exits with COMMAND's exit status.\n"
-    "  kep-sim [options] serve [--system | --address ADDRESS]\n"
-    "  kep-sim [options] --system | --address ADDRESS\n"
-    "      Serve until interrupted: on the system bus, on the bus at ADDRESS, or on\n"
-    "      a private bus whose address is printed as DBUS_SYSTEM_BUS_ADDRESS=...\n"
-    "  kep-sim [options] check\n"
-    "      Only read the scenario file and report whether it is well formed.\n";
+const char Usage[] = R"(Usage: kep-sim [--scenario FILE] [--trace] run [--] COMMAND [ARGS...]
+       kep-sim [--scenario FILE] [--trace] [serve] [--system | --address ADDRESS]
+       kep-sim [--scenario FILE] check
+       kep-sim capture [--system | --address ADDRESS]
+run: serve on a private bus while COMMAND runs with DBUS_SYSTEM_BUS_ADDRESS set to it. serve: print
+DBUS_SYSTEM_BUS_ADDRESS=... once up. --trace: calls and signals on stderr. Scenarios: see kep-sim(1).
+)";
 
-int signalPipe[2] = {-1, -1};
+// A bus of our own that anyone may use; setpriv has the kernel end it if this process dies first.
+const char BusConfiguration[] = R"(<busconfig><type>kep-sim</type><listen>unix:tmpdir=/tmp</listen>
+  <auth>EXTERNAL</auth><policy context="default"><allow user="*"/><allow own="*"/>
+  <allow send_type="method_call"/><allow send_type="signal"/><allow send_type="method_return"/>
+  <allow send_type="error"/><allow receive_type="method_call"/><allow receive_type="signal"/>
+  <allow receive_type="method_return"/><allow receive_type="error"/></policy></busconfig>)";
 
-void onSignal(int)
-{
-    const char byte = 1;
-    [[maybe_unused]] const ssize_t n = ::write(signalPipe[1], &byte, 1);
+struct PrivateBus {
+    GPid pid = 0;
+    std::string address, error = "dbus-daemon did not start";
+
+    bool start() {
+        g_autoptr(GError) e = nullptr;
+        g_autofree char *config = nullptr;
+        const int fd = g_file_open_tmp("kep-sim-XXXXXX.conf", &config, &e);
+        if (fd < 0 || !g_close(fd, &e) || !g_file_set_contents(config, BusConfiguration, -1, &e))
+            return error = e->message, false;
+        g_autofree char *configArgument = g_strconcat("--config-file=", config, nullptr);
+        const char *argv[] = {"setpriv", "--pdeathsig", "KILL", "dbus-daemon", "--nofork", configArgument,
+                              "--print-address=1", nullptr};
+        const auto flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDERR_TO_DEV_NULL;
+        int out = -1;
+        char line[1024] = "";
+        if (g_spawn_async_with_pipes(nullptr, const_cast<char **>(argv), nullptr, GSpawnFlags(flags), nullptr,
+                                     nullptr, &pid, nullptr, &out, nullptr, &e)) {
+            FILE *stream = fdopen(out, "r"); // the daemon prints its address once it listens, or ends
+            line[fgets(line, sizeof line, stream) ? std::strcspn(line, "\n") : 0] = '\0';
+            fclose(stream);
+        }
+        g_unlink(config);
+        address = line;
+        return !address.empty();
+    }
+    ~PrivateBus() {
+        if (pid && kill(pid, SIGTERM) == 0) waitpid(pid, nullptr, 0);
+    }
+};
+
+struct Options {
+    std::string word, scenario, address;
+    bool system = false, trace = false;
+    std::vector<char *> command; // run: the command line, null-terminated
+};
+
+bool parse(int argc, char **argv, Options &o) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if ((arg == "--scenario" || arg == "--address") && i + 1 < argc)
+            (arg == "--scenario" ? o.scenario : o.address) = argv[++i];
+        else if (arg == "--system" || arg == "--trace") (arg == "--system" ? o.system : o.trace) = true;
+        else if (arg == "--help" || (o.word.empty() && (arg == "serve" || arg == "check" || arg == "capture")))
+            o.word = arg;
+        else if (!o.word.empty() || arg != "run") return false;
+        else { // run: the rest is the command
+            o.word = arg;
+            i += i + 1 < argc && std::strcmp(argv[i + 1], "--") == 0;
+            o.command.assign(argv + i + 1, argv + argc + 1); // argv ends with a null pointer
+            break;
+        }
+    }
+    const bool busGiven = o.system || !o.address.empty();
+    o.word = o.word.empty() && busGiven ? "serve" : o.word;
+    return !o.word.empty() && !(o.system && !o.address.empty()) && (o.word != "run" || o.command.size() > 1)
+           && (!busGiven || o.word == "serve" || o.word == "capture" || o.word == "--help");
 }
 
-// Interrupts, hang-ups and termination requests arrive in the event loop.
-void catchStopSignals()
-{
-    if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return;
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaction(signal, &action, nullptr);
-}
-
-int fail(const QString &message, int status = 2)
-{
-    std::fprintf(stderr, "kep-sim: %s\n", qPrintable(message));
+int fail(const std::string &message, int status = 1) {
+    std::fprintf(stderr, "kep-sim: %s\n", message.c_str());
     return status;
 }
 
-void trace(const QString &line)
-{
-    std::fprintf(stderr, "kep-sim: %s\n", qPrintable(line));
-    std::fflush(stderr);
+// `address` comes in as the private bus's, if there is one, and goes out as the one used.
+GDBusConnection *connect(const Options &o, std::string &address) {
+    g_autoptr(GError) error = nullptr;
+    g_autofree char *system = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr);
+    if (address.empty()) address = o.system || o.address.empty() ? (system ? system : "") : o.address;
+    const auto flags = G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION;
+    GDBusConnection *bus = g_dbus_connection_new_for_address_sync(address.c_str(), GDBusConnectionFlags(flags),
+                                                                  nullptr, nullptr, &error);
+    if (!bus) fail("cannot connect to the bus at " + address + ": " + error->message);
+    return bus;
+}
+
+bool ownName(GDBusConnection *bus, bool system) {
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
+        g_variant_new("(su)", kep::ServiceName, 4u /* do not queue */), G_VARIANT_TYPE("(u)"),
+        G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    guint32 result = 0;
+    if (reply) g_variant_get(reply, "(u)", &result);
+    if (result == 1) return true; // the primary owner
+    if (error) g_dbus_error_strip_remote_error(error);
+    fail(std::string("cannot own ") + kep::ServiceName + ": " + (error ? error->message : "another program owns it"));
+    if (system && error)
+        std::fprintf(stderr, "kep-sim: this enables its system bus policy:\n"
+                   "  install -m 644 %s/kep-sim.conf /etc/dbus-1/system.d/kep-sim.conf\n", KEP_SIM_DATADIR);
+    return false;
+}
+
+// The run of the program: its loop, and the command that `run` started.
+GMainLoop *loop = nullptr;
+GPid command = 0;
+int commandStatus = 0;
+bool interrupted = false;
+
+gboolean onStop(gpointer) {
+    interrupted = true;
+    if (!command) g_main_loop_quit(loop);
+    else if (kill(command, SIGTERM) == 0) // its end quits the loop
+        g_timeout_add_seconds(3, [](gpointer) { return kill(command, SIGKILL), FALSE; }, nullptr);
+    return G_SOURCE_CONTINUE;
+}
+
+void onCommandEnd(GPid pid, int status, gpointer) {
+    commandStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    g_spawn_close_pid(pid);
+    g_main_loop_quit(loop);
+}
+
+int serve(const Options &o, Scenario scenario) {
+    PrivateBus privateBus;
+    if (!o.system && o.address.empty() && !privateBus.start()) return fail(privateBus.error);
+    std::string address = privateBus.address;
+    g_autoptr(GDBusConnection) bus = connect(o, address);
+    g_autoptr(GError) e = nullptr;
+    Service service(std::move(scenario), o.trace);
+    if (!bus || !service.serve(bus, &e) || !ownName(bus, o.system))
+        return e ? fail(std::string("cannot serve ") + kep::ObjectPath + ": " + e->message) : 1;
+    loop = g_main_loop_new(nullptr, FALSE);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) g_unix_signal_add(signal, onStop, nullptr);
+    g_signal_connect_swapped(bus, "closed", G_CALLBACK(g_main_loop_quit), loop);
+    if (o.word == "run") {
+        g_auto(GStrv) environment = g_environ_setenv(g_get_environ(), "DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), TRUE);
+        const auto flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_CHILD_INHERITS_STDIN;
+        if (!g_spawn_async(nullptr, const_cast<char **>(o.command.data()), environment, GSpawnFlags(flags), nullptr,
+                           nullptr, &command, &e))
+            return fail(e->message, 127);
+        g_child_watch_add(command, onCommandEnd, nullptr);
+    } else {
+        std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
+        std::fflush(stdout);
+    }
+    g_main_loop_run(loop);
+    g_main_loop_unref(loop);
+    g_dbus_connection_close_sync(bus, nullptr, nullptr);
+    return o.word != "run" ? 0 : interrupted ? 130 : commandStatus;
 }
 
 } // namespace
 
-int main(int argc, char **argv)
-{
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("kep-sim"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(KEP_VERSION));
-
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QString::fromLatin1(Usage));
-    parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
-    parser.addHelpOption();
-    parser.addVersionOption();
-    const QCommandLineOption scenarioOption({QStringLiteral("s"), QStringLiteral("scenario")},
-                                            QStringLiteral("Play the scenario in FILE (JSON)."), QStringLiteral("FILE"));
-    const QCommandLineOption traceOption(QStringLiteral("trace"),
-                                         QStringLiteral("Print every call received and signal sent on stderr."));
-    const QCommandLineOption systemOption(QStringLiteral("system"), QStringLiteral("serve: use the system bus."));
-    const QCommandLineOption addressOption(QStringLiteral("address"), QStringLiteral("serve: use the bus at ADDRESS."),
-                                           QStringLiteral("ADDRESS"));
-    parser.addOptions({scenarioOption, traceOption, systemOption, addressOption});
-    parser.process(app);
-
-    QStringList words = parser.positionalArguments();
-    // "kep-sim --system" alone (or with --address) means serve.
-    const bool busGiven = parser.isSet(systemOption) || parser.isSet(addressOption);
-    const QString mode = !words.isEmpty() ? words.takeFirst() : busGiven ? QStringLiteral("serve") : QString();
-    if (mode == QLatin1String("run") && !words.isEmpty() && words.first() == QLatin1String("--"))
-        words.removeFirst();
-    if ((mode != QLatin1String("run") && mode != QLatin1String("serve") && mode != QLatin1String("check"))
-        || (mode == QLatin1String("run") && words.isEmpty()) || (mode != QLatin1String("run") && !words.isEmpty()))
-        return fail(QStringLiteral("expected run, serve or check; see kep-sim --help"));
-
-    Scenario scenario = defaultScenario();
-    if (parser.isSet(scenarioOption)) {
-        QString error;
-        const std::optional<Scenario> loaded = loadScenario(parser.value(scenarioOption), &error);
-        if (!loaded)
-            return fail(error);
-        scenario = *loaded;
+int main(int argc, char **argv) {
+    Options o;
+    std::string message, captured, address;
+    Scenario scenario;
+    if (!parse(argc, argv, o)) return fail("expected run, serve, check or capture; see kep-sim --help", 2);
+    if (o.word == "--help") return std::fputs(Usage, stdout) < 0;
+    if (o.word == "capture") {
+        g_autoptr(GDBusConnection) bus = connect(o, address);
+        const bool complete = bus && captureScenario(bus, captured);
+        return std::fputs(captured.c_str(), stdout), complete ? 0 : 1;
     }
-    if (mode == QLatin1String("check")) {
-        std::printf("%s: ok\n", qPrintable(parser.value(scenarioOption)));
-        return 0;
-    }
-
-    catchStopSignals();
-    bool interrupted = false;
-    QSocketNotifier stopNotifier(signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&stopNotifier, &QSocketNotifier::activated, &app, [&] {
-        char bytes[16];
-        while (::read(signalPipe[0], bytes, sizeof bytes) > 0) {
-        }
-        interrupted = true;
-        QCoreApplication::exit(130);
-    });
-
-    PrivateBus privateBus;
-    QDBusConnection bus{QString()};
-    QString error;
-    if (parser.isSet(systemOption)) {
-        bus = QDBusConnection::systemBus();
-    } else if (parser.isSet(addressOption)) {
-        bus = QDBusConnection::connectToBus(parser.value(addressOption), QStringLiteral("kep-sim"));
-    } else {
-        if (!privateBus.start(&error))
-            return fail(error, 1);
-        bus = QDBusConnection::connectToBus(privateBus.address(), QStringLiteral("kep-sim"));
-    }
-    if (!bus.isConnected())
-        return fail(QStringLiteral("cannot connect to the bus: ") + bus.lastError().message(), 1);
-
-    KepBusObject object;
-    object.service()->setBehaviour(true);
-    applyScenario(scenario, &object);
-    if (parser.isSet(traceOption)) {
-        QObject::connect(&object, &KepBusObject::callReceived, [](const CallRecord &call) {
-            trace(QStringLiteral("call ") + call.text());
-        });
-        QObject::connect(&object, &KepBusObject::signalSent, [](const QString &member, const QVariantList &arguments) {
-            trace(QStringLiteral("signal ") + CallRecord{QString(), QString(), member, QString(), arguments}.text());
-        });
-    }
-    if (!object.registerOn(bus, &error))
-        return fail(QStringLiteral("cannot serve com.calyra.kep: ") + error, 1);
-
-    if (mode == QLatin1String("serve")) {
-        if (!privateBus.address().isEmpty()) {
-            std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", qPrintable(privateBus.address()));
-            std::fflush(stdout);
-        }
-        const int status = app.exec();
-        return interrupted ? 0 : status;
-    }
-
-    // run: the command's own output goes straight through.
-    QProcess command;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), privateBus.address());
-    command.setProcessEnvironment(environment);
-    command.setProcessChannelMode(QProcess::ForwardedChannels);
-    command.setInputChannelMode(QProcess::ForwardedInputChannel);
-    command.setProgram(words.takeFirst());
-    command.setArguments(words);
-    QObject::connect(&command, qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
-                     [](int code, QProcess::ExitStatus status) {
-                         QCoreApplication::exit(status == QProcess::NormalExit ? code : 1);
-                     });
-    QObject::connect(&command, &QProcess::errorOccurred, [&command](QProcess::ProcessError error) {
-        if (error == QProcess::FailedToStart)
-            QCoreApplication::exit(fail(command.program() + QStringLiteral(": ") + command.errorString(), 127));
-    });
-    command.start();
-    const int status = app.exec();
-    if (command.state() != QProcess::NotRunning) {
-        command.terminate();
-        if (!command.waitForFinished(3000))
-            command.kill();
-        command.waitForFinished(3000);
-    }
-    return status;
+    if (!loadScenario(o.scenario, scenario, message)) return std::fprintf(stderr, "%s\n", message.c_str()), 2;
+    return o.word == "check" ? 0 : serve(o, std::move(scenario));
 }

@@ -1,38 +1,27 @@
 #ifndef KEP_SIM_SCENARIO_H
 #define KEP_SIM_SCENARIO_H
 
-#include <QHash>
-#include <QString>
-#include <QVariantMap>
+#include "sim/glibptr.h"
 
-#include <optional>
+#include <map>
+#include <string>
+#include <utility>
 
-#include "sim/busobject.h"
-#include "sim/kepservice.h"
-
-// What a scenario file sets: initial property values, a fixed Details map,
-// what scans and WPS runs answer, and property reads answered otherwise
-// (an error, a value of another type, no answer at all).
-struct Scenario
-{
-    std::optional<QVariantMap> details;
-    std::optional<int> logLevel;
-    std::optional<QString> mode;
-    std::optional<QVariantMap> wirelessNetworks;
-    std::optional<QVariantMap> wiredIpSettings;
-    std::optional<QVariantMap> wirelessIpSettings;
-    KepService::Outcomes outcomes;
-    QHash<QString, KepBusObject::PropertyAnswer> propertyAnswers;
+// What the simulated service holds and how it answers.
+struct Scenario {
+    std::map<std::string, Variant> properties; // Details only when given: otherwise made from the state
+    bool silent = false;                        // no signal of the service's own
+    guint scanDelayMs = 0, wpsScanPasses = 0, wpsStepMs = 0; // WPS: ScanResults signals, then the outcome, a step apart
+    Variant scanResults, wpsCredentials;
+    std::string wpsError; // not empty: the run ends with WpsError
+    std::map<std::string, std::pair<std::string, std::string>> readFaults; // property: error name, message (empty: no answer)
 };
 
-// Reads a scenario file. Keys not given keep the built-in defaults. On a
-// malformed file returns nothing and sets *error to "FILE:LINE:COLUMN: problem"
-// or "FILE: place: problem".
-std::optional<Scenario> loadScenario(const QString &path, QString *error);
+// The built-in scenario, then the file at `path` (if any) over it. On a
+// fault returns false with `message` set to "FILE:LINE:COLUMN: problem".
+bool loadScenario(const std::string &path, Scenario &scenario, std::string &message);
 
-// The scenario the simulator plays when no file is given.
-Scenario defaultScenario();
-
-void applyScenario(const Scenario &scenario, KepBusObject *object);
+// A scenario of every readable property of the service on `bus`; false when one could not be read.
+bool captureScenario(GDBusConnection *bus, std::string &out);
 
 #endif

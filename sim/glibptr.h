@@ -1,0 +1,25 @@
+#ifndef KEP_SIM_GLIBPTR_H
+#define KEP_SIM_GLIBPTR_H
+
+// Owning handles for GLib values kept beyond one function (locals use
+// g_autoptr and g_autofree).
+#include <gio/gio.h>
+
+#include <memory>
+#include <string>
+
+struct VariantUnref {
+    void operator()(GVariant *value) const { g_variant_unref(value); }
+};
+using Variant = std::unique_ptr<GVariant, VariantUnref>;
+
+// Takes over a reference, floating (g_variant_new_*) or full.
+inline Variant own(GVariant *value) { return Variant(value ? g_variant_take_ref(value) : nullptr); }
+
+// GVariant text with the type annotations that make it read back as the same type.
+inline std::string text(GVariant *value) {
+    g_autofree char *printed = g_variant_print(value, TRUE);
+    return printed;
+}
+
+#endif

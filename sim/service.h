@@ -1,0 +1,46 @@
+#ifndef KEP_SIM_SERVICE_H
+#define KEP_SIM_SERVICE_H
+
+#include "sim/scenario.h"
+
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+// The connection manager as the simulator plays it at /com/calyra/kep, and
+// the simulator's control interface com.calyra.kep.Sim on the same object.
+// GDBus checks calls against the interface file and refuses the wrong ones
+// itself; a filter on the connection sees every call first and lists it.
+class Service {
+public:
+    Service(Scenario scenario, bool trace) : m_state(std::move(scenario)), m_trace(trace) {}
+    ~Service();
+    bool serve(GDBusConnection *bus, GError **error);
+
+private:
+    struct Call { std::string member, signature, body; bool refused; };
+    static void dispatch(GDBusConnection *, const char *sender, const char *path, const char *interface,
+                         const char *method, GVariant *args, GDBusMethodInvocation *call, gpointer self);
+    static GDBusMessage *filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self);
+    void properties(std::string_view method, GVariant *args, GDBusMethodInvocation *call);
+    void control(std::string_view method, GVariant *args, GDBusMethodInvocation *call);
+    void emit(const char *signal, GVariant *args);
+
+    // The service's behaviour (behaviour.cpp).
+    void method(std::string_view method, GVariant *args, GDBusMethodInvocation *call);
+    Variant property(const std::string &name) const; // Details made from the state unless one was given
+    std::string mode() const;
+    void switchMode(const std::string &mode);
+    void say(const char *signal, GVariant *args); // a signal of the service's own: none when silent
+
+    Scenario m_state;
+    const bool m_trace;
+    GDBusConnection *m_bus = nullptr;
+    std::string m_softApInterface = "uap0";
+    bool m_wpsRunning = false;
+    std::vector<GDBusMethodInvocation *> m_unanswered;
+    std::mutex m_callsLock; // the filter runs on GDBus's own thread
+    std::vector<Call> m_calls;
+};
+
+#endif
