@@ -97,14 +97,13 @@ def spawn_without_argv(env, out, err):
 
 
 def emit(bus, client, kind, text):
-    if text == 'restart':
-        return bus.serve()
+    # scan and wps both listen for ScanResults, wps last of all and after its call
     member, args = text.split(' ', 1) if ' ' in text else ('ScanResults', None)
     until(lambda: bus.listening(member), 'the client to listen for ' + member)
     if 'libQt5Network' in open('/proc/%d/maps' % client.pid).read():
         raise Failed('the waiting client maps QtNetwork')
-    if text == 'drop-bus':
-        return bus.daemon.kill()
+    if text in ('restart', 'drop-bus'):
+        return bus.serve() if text == 'restart' else bus.daemon.kill()
     args = GLib.Variant.parse(None, args, None, None)
     if kind == '~!':
         bus.conn.emit_signal(None, KEP[1], KEP[0], member, args)
@@ -141,7 +140,7 @@ def run_client(bus, case, words):
 
 
 def run(bus, case, blocks, words):
-    open(SCENARIO, 'w').write(case.get('scenario', "{'silent': <true>}"))
+    open(SCENARIO, 'w').write(case.get('scenario', "{'silent': <true>}").replace('\\n', '\n'))
     if words[:1] == ['sim']:
         done = subprocess.run(WITH_US + [SIM] + [w.replace('{scenario}', SCENARIO) for w in words[1:]],
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
