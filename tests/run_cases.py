@@ -1,42 +1,29 @@
 #!/usr/bin/python3
-"""Runs tables of end-to-end cases: the kepclient binary, started as users start it, against kep-sim
-owning com.calyra.kep on a private bus, scripted through kep-sim's control interface.
-
-A case is a block of lines ended by a blank line; "= @name" blocks define lines that "| @name" stands for.
-  $ words                      a command line after the program, shell-quoted ("$ [...]": a Python list with
-                               bytes or expressions; "$ sim ...": kep-sim's own); each $ line is one run
-  + Property value             the service's property before the run (any GVariant text, any type)
-  ! Property [Error message]   reads of the property answer that error; with no error, never answer
-  ~ Signal (args,)             once the client listens for Signal, the service emits it ("~!": a stranger)
-  ~ restart / ~ drop-bus       the service restarts / the bus goes away while the client waits
-  & clock S                    the client's clock runs fast; it must end after S of its seconds
-  & prog NAME / & no-argv      started under another name / with no argument vector at all
-  & no-service / & recapture   no service on the bus / served again from kep-sim's capture of it
-  & scenario TEXT / & exit N   kep-sim's scenario file (as {scenario}) / expected exit status
-  | text                       one line of standard error, ⇥ a tab, · a blank
-  > Member sig (body)          one call received, in order ("> !": refused); none listed, none made
+"""Runs tables of end-to-end cases: the kepclient binary, started as users start it, against kep-sim owning
+com.calyra.kep on a private bus, scripted through kep-sim's control interface. A case is a block of lines:
+  $ words                 one run: shell words, "$ [...]" a Python list (bytes, expressions), "$ sim ..." kep-sim
+  + Property value        the service's property before the run (GVariant text, any type)
+  ! Property [Error msg]  reads of the property answer that error; with no error, never answer
+  ~ Signal (args,)        once the client listens for Signal, the service emits it ("~!": a stranger does)
+  ~ restart / drop-bus    the service restarts / the bus goes away while the client waits
+  & clock S / prog NAME / no-argv / no-service / recapture / scenario TEXT / exit N
+                          fast clock, ending after S of its seconds / started as NAME / with no argument vector /
+                          no service / served from kep-sim's capture / kep-sim's scenario / exit status
+  | text                  one line of standard error, ⇥ a tab, · a blank; "| @name" a block "= @name" defines
+  > Member sig (body)     one call the service received, in order ("> !": refused); none listed, none made
 """
-import ctypes, glob, os, select, shlex, subprocess, sys, tempfile, time
+import ctypes, glob, os, select, shlex, shutil, subprocess, sys, tempfile, time
 from gi.repository import Gio, GLib
 
 CLIENT = os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT']
-WRAPPER = os.environ.get('KEPCLIENT_WRAPPER', '').split()
-SIM = os.environ['KEPSIM']
+WRAPPER, SIM = os.environ.get('KEPCLIENT_WRAPPER', '').split(), os.environ['KEPSIM']
 WORK = tempfile.mkdtemp(prefix='kep-cases.')
-SCENARIO = os.path.join(WORK, 'scenario')
-SPEED = 60
+SCENARIO, SPEED, KEP = os.path.join(WORK, 'scenario'), 60, ('com.calyra.kep', '/com/calyra/kep')
 WITH_US = ['setpriv', '--pdeathsig', 'KILL']  # children die with the runner, whatever happens
-KEP = ('com.calyra.kep', '/com/calyra/kep')
 
 
 class Failed(Exception):
     pass
-
-
-def first_line(proc, what):
-    if not select.select([proc.stdout], [], [], 10)[0]:
-        raise Failed(what + ' did not start')
-    return proc.stdout.readline().decode().strip()
 
 
 def until(check, what, timeout=10):
@@ -47,48 +34,47 @@ def until(check, what, timeout=10):
         time.sleep(0.002)
 
 
+def start(command):
+    """Starts a program whose first line on standard output says it is ready, and returns it and that line."""
+    proc = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    until(lambda: select.select([proc.stdout], [], [], 0)[0], command[0] + ' to start')
+    return proc, proc.stdout.readline().decode().strip()
+
+
 class Bus:
     def __init__(self):
-        self.daemon = subprocess.Popen(WITH_US + ['dbus-daemon', '--session', '--nofork', '--print-address',
-                                       '--address=unix:tmpdir=' + WORK], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.address = first_line(self.daemon, 'dbus-daemon')
+        self.daemon, self.address = start(['dbus-daemon', '--session', '--nofork', '--print-address',
+                                           '--address=unix:tmpdir=' + WORK])
         self.conn = Gio.DBusConnection.new_for_address_sync(self.address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
                                                             | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
         self.sim = None
 
+    def call(self, dest, path, iface, method, args=None):
+        return self.conn.call_sync(dest, path, iface, method, args, None, 0, 5000, None).unpack()
+
     def control(self, method, fmt='()', *args):
-        return self.conn.call_sync(*KEP, 'com.calyra.kep.Sim', method, GLib.Variant(fmt, args), None, 0, 5000,
-                                   None).unpack()
+        return self.call(*KEP, 'com.calyra.kep.Sim', method, GLib.Variant(fmt, args))
 
     def serve(self):
-        self.stop_sim()
-        self.sim = subprocess.Popen(WITH_US + [SIM, '--address', self.address, '--scenario', SCENARIO],
-                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        first_line(self.sim, 'kep-sim')
+        self.close(daemon=False)
+        self.sim = start([SIM, '--address', self.address, '--scenario', SCENARIO])[0]
 
     def listening(self, member):
-        rules = self.conn.call_sync('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats',
-                                    'GetAllMatchRules', None, None, 0, 5000, None).unpack()[0]
+        rules = self.call('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats',
+                          'GetAllMatchRules')[0]
         return any("member='%s'" % member in rule for rules in rules.values() for rule in rules)
 
-    def stop_sim(self):
-        if self.sim:
-            self.sim.kill(), self.sim.wait()
-        self.sim = None
-
-    def close(self):
-        self.stop_sim()
-        self.daemon.kill(), self.daemon.wait()
+    def close(self, daemon=True):
+        for proc in [self.sim] + [self.daemon] * daemon:
+            proc and (proc.kill(), proc.wait())
 
 
 def spawn_without_argv(env, out, err):
-    """exec with an empty argument vector, which no process module of the language allows"""
-    pid = os.fork()
+    pid = os.fork()  # no process module of the language execs with an empty argument vector
     if pid == 0:
         os.dup2(out, 1), os.dup2(err, 2)
-        libc = ctypes.CDLL(None)
+        libc, envp = ctypes.CDLL(None), [b'%s=%s' % (k.encode(), v.encode()) for k, v in env.items()] + [None]
         libc.prctl(1, 9)  # PR_SET_PDEATHSIG: SIGKILL
-        envp = [b'%s=%s' % (k.encode(), v.encode()) for k, v in env.items()] + [None]
         libc.execve(CLIENT.encode(), (ctypes.c_char_p * 1)(None), (ctypes.c_char_p * len(envp))(*envp))
         os._exit(127)
     status = []
@@ -106,9 +92,8 @@ def emit(bus, client, kind, text):
         return bus.serve() if text == 'restart' else bus.daemon.kill()
     args = GLib.Variant.parse(None, args, None, None)
     if kind == '~!':
-        bus.conn.emit_signal(None, KEP[1], KEP[0], member, args)
-    else:
-        bus.control('EmitSignal', '(sav)', member, [args.get_child_value(i) for i in range(args.n_children())])
+        return bus.conn.emit_signal(None, KEP[1], KEP[0], member, args)
+    bus.control('EmitSignal', '(sav)', member, [args.get_child_value(i) for i in range(args.n_children())])
 
 
 def run_client(bus, case, words):
@@ -141,10 +126,11 @@ def run_client(bus, case, words):
 
 def run(bus, case, blocks, words):
     open(SCENARIO, 'w').write(case.get('scenario', "{'silent': <true>}").replace('\\n', '\n'))
+    calls = []
     if words[:1] == ['sim']:
         done = subprocess.run(WITH_US + [SIM] + [w.replace('{scenario}', SCENARIO) for w in words[1:]],
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
-        status, out, err, prog, calls = done.returncode, b'', done.stderr.decode(), '', []
+        status, out, err, prog = done.returncode, b'', done.stderr.decode(), ''
     else:
         if 'no-service' not in case:
             bus.serve()
@@ -157,13 +143,11 @@ def run(bus, case, blocks, words):
                                                           capture_output=True, check=True).stdout)
                 bus.serve()
         status, out, err, prog = run_client(bus, case, words)
-        gone = 'no-service' in case or ('~', 'drop-bus') in case['events']
-        calls = [] if gone else ['%s%s %s %s' % ('!' if refused else '', member, sig or '-', body)
-                                 for member, sig, body, refused in bus.control('Calls')[0]]
-    expected = ''
-    for line in case['err']:
-        for line in blocks.get(line[1:], []) if line.startswith('@') else [line]:
-            expected += line.replace('⇥', '\t').replace('·', ' ') + '\n'
+        if 'no-service' not in case and ('~', 'drop-bus') not in case['events']:
+            calls = ['%s%s %s %s' % ('!' * refused, member, sig or '-', body)
+                     for member, sig, body, refused in bus.control('Calls')[0]]
+    expected = ''.join(line.replace('⇥', '\t').replace('·', ' ') + '\n' for line in case['err'] for line in
+                       (blocks.get(line[1:], []) if line.startswith('@') else [line]))
     expected = expected.replace('{prog}', prog.replace('\\', '\\\\').replace('"', '\\"')).replace('{scenario}', SCENARIO)
     problems = []
     if status != int(case.get('exit', 0)) or out:
@@ -190,24 +174,23 @@ def parse(path):
             cases.pop(), blocks.setdefault(text[1:], case['err'])
         elif tag == '$':
             case['runs'].append(eval(text, {'__builtins__': {}}) if text.startswith('[') else shlex.split(text))
-        elif tag in '+!':
+        elif tag in ('+', '!'):
             case['props' if tag == '+' else 'faults'].append((text.split(' ', 1) + [''])[:2])
         elif tag in ('~', '~!'):
             case['events'].append((tag, text))
         elif tag == '&':
-            key, _, value = text.partition(' ')
-            case[key] = value
-        elif tag in '|>':
+            case[text.partition(' ')[0]] = text.partition(' ')[2]
+        elif tag in ('|', '>'):
             case['err' if tag == '|' else 'calls'].append(text)
     return cases, blocks
 
 
 def main():
     counts = [0, 0, 0]  # passed, failed, skipped
-    for path in sys.argv[1:]:
-        cases, blocks = parse(path)
-        bus = Bus()
-        try:
+    try:
+        for path in sys.argv[1:]:
+            cases, blocks = parse(path)
+            bus = Bus()
             for case in cases:
                 for words in case['runs'] or [[]]:
                     where = '%s:%d %s' % (os.path.basename(path), case['line'], shlex.join(map(str, words))[:60])
@@ -224,8 +207,9 @@ def main():
                     if bus.daemon.poll() is not None:
                         bus.close()
                         bus = Bus()
-        finally:
             bus.close()
+    finally:
+        shutil.rmtree(WORK)
     print('%d passed, %d failed, %d skipped' % tuple(counts))
     return 1 if counts[1] else 0
 
