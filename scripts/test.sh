@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite: on a plain
-# build (and its .deb), on a build with AddressSanitizer and UBSan, and the
+# build (and its .deb packages), on a build with AddressSanitizer and UBSan, and the
 # end-to-end suites once more with the armhf kepclient under qemu-arm (and
-# the armhf .deb).
+# the armhf .deb packages).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,7 +15,7 @@ cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure
 version=$(sed -n 's/^set(CPACK_PACKAGE_VERSION "\(.*\)")$/\1/p' build/CPackConfig.cmake)
 (cd build && cpack -G DEB >/dev/null)
-tests/package_test.sh "build/kepclient_${version}_$(dpkg --print-architecture).deb" "$(dpkg --print-architecture)" "$version"
+tests/package_test.sh build "$(dpkg --print-architecture)" "$version"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=ON >/dev/null
@@ -27,4 +27,4 @@ scripts/cross-build.sh
 KEPCLIENT_UNDER_TEST="$PWD/build-armhf/kepclient" KEPCLIENT_WRAPPER="$PWD/scripts/qemu-armhf.sh" \
     ctest --test-dir build -L e2e --output-on-failure
 (cd build-armhf && cpack -G DEB >/dev/null)
-tests/package_test.sh "build-armhf/kepclient_${version}_armhf.deb" armhf "$version"
+tests/package_test.sh build-armhf armhf "$version"
