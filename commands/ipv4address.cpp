@@ -34,7 +34,7 @@ bool isIpv4Address(const QString &word)
         if (*p == '+')
             ++p;
         int base = 10;
-        if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X') && digitValue(p[2]) < 16) {
+        if (p[0] == '0' && (p[1] == 'x' || p[1] == 'X')) {
             base = 16;
             p += 2;
         } else if (p[0] == '0') {
@@ -51,9 +51,9 @@ bool isIpv4Address(const QString &word)
             return false;
         if (*p == '\0')
             return value <= lastPartLimit[part];
-        if (*p != '.' || part == 3 || value > 0xff)
+        if (*p != '.' || value > 0xff)
             return false;
         ++p;
     }
-    return false;
+    return false; // a fifth part, or a dot after the fourth
 }
