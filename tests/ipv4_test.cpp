@@ -1,6 +1,6 @@
 // isIpv4Address against QHostAddress itself: the known quirks, then a large
-// seeded corpus of random words. KEP_IPV4_SEED repeats a run; KEP_IPV4_WORDS
-// sets the corpus size. Prints the first mismatches and fails on any.
+// seeded corpus of random words. KEP_IPV4_SEED repeats a run. Prints the
+// first mismatches and fails on any.
 #include "commands/ipv4address.h"
 
 #include <QHostAddress>
@@ -43,31 +43,25 @@ int main()
     std::printf("%zu quirks, QHostAddress accepted %d; %d mismatches\n", std::size(quirks), accepted, mismatches);
     accepted = 0;
 
-    const char *seedText = std::getenv("KEP_IPV4_SEED"), *countText = std::getenv("KEP_IPV4_WORDS");
+    const char *seedText = std::getenv("KEP_IPV4_SEED");
     const unsigned long long seed = seedText ? std::strtoull(seedText, nullptr, 0) : std::random_device()();
-    const long count = countText ? std::atol(countText) : 600000;
     std::mt19937_64 random(seed);
-    auto below = [&random](int n) { return int(random() % unsigned(n)); };
-    // Characters the parser reacts to, weighted towards digits and dots.
-    static const std::u16string_view alphabet = u"0123456789012345670101....xXafAFg +-\t:\u0661\uff11\u00a0"sv;
+    auto below = [&random](size_t n) { return size_t(random() % n); };
+    // Words of up to six parts, each an optional prefix and a few characters, drawn mostly from digits and
+    // the characters the parser reacts to; now and then one more character anywhere.
+    static const std::u16string_view alphabet = u"0123456701....xXafAFg +-\t:\u0661\uff11\u00a0"sv;
     static const char16_t *const prefixes[] = {u"", u"", u"0", u"0x", u"0X", u"+", u" ", u"-", u"00"};
+    const long count = 600000;
     for (long n = 0; n < count; ++n) {
         QString word;
-        if (n % 2) { // loose characters
-            for (int i = below(16); i > 0; --i)
-                word += QChar(alphabet[below(int(alphabet.size()))]);
-        } else { // parts that look like numbers, with a random flaw now and then
-            for (int part = below(6); part >= 0; --part) {
-                word += QString::fromUtf16(prefixes[below(std::size(prefixes))]);
-                const int digits = below(4) ? 1 + below(3) : 1 + below(12);
-                for (int i = 0; i < digits; ++i)
-                    word += QChar(alphabet[below(below(3) ? 8 : 20)]);
-                if (part > 0)
-                    word += QLatin1Char('.');
-            }
-            if (below(4) == 0)
-                word.insert(below(word.size() + 1), QChar(alphabet[below(int(alphabet.size()))]));
+        for (size_t part = below(6); part-- > 0;) {
+            word += QString::fromUtf16(prefixes[below(std::size(prefixes))]);
+            for (size_t i = below(4) ? 1 + below(3) : 1 + below(12); i > 0; --i)
+                word += QChar(alphabet[below(below(3) ? 8 : alphabet.size())]);
+            word += part ? QStringLiteral(".") : QString();
         }
+        if (below(3) == 0)
+            word.insert(int(below(word.size() + 1)), QChar(alphabet[below(alphabet.size())]));
         compare(word);
     }
     std::printf("seed %llu: %ld random words, QHostAddress accepted %d; %d mismatches in all\n",
