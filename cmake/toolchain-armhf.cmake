@@ -66,6 +66,11 @@ list(APPEND CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES
     "${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}")
 list(REMOVE_DUPLICATES CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES)
 
+# pkg-config (GLib for kep-sim) reads the sysroot's .pc files, never the build
+# machine's.
+set(ENV{PKG_CONFIG_LIBDIR} "${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}/pkgconfig:${KEP_ARMHF_SYSROOT}/usr/share/pkgconfig")
+set(ENV{PKG_CONFIG_SYSROOT_DIR} "${KEP_ARMHF_SYSROOT}")
+
 # --- host code generators -------------------------------------------------------------
 # Included at the end of project(), before the project's find_package(Qt5).
 set(CMAKE_PROJECT_INCLUDE "${CMAKE_CURRENT_LIST_DIR}/armhf-host-qt-tools.cmake")

@@ -14,10 +14,6 @@ if [ ! -f "$sysroot/.kep-sysroot-packages" ] || ! command -v arm-linux-gnueabihf
     scripts/cross-prepare.sh
 fi
 
-# pkg-config (kep-sim's GLib) reads the sysroot's armhf .pc files, never the
-# build machine's: their glibconfig.h is for another word size.
-export PKG_CONFIG_LIBDIR="$sysroot/usr/lib/arm-linux-gnueabihf/pkgconfig:$sysroot/usr/share/pkgconfig"
-export PKG_CONFIG_SYSROOT_DIR="$sysroot"
 cmake -S . -B "$builddir" --no-warn-unused-cli \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake \
     -DKEP_ARMHF_SYSROOT="$sysroot" \
