@@ -104,7 +104,7 @@ def run_client(bus, case, words):
     client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL, stdout=out,
                               stderr=err, preexec_fn=(lambda: exec_without_argv(env)) if 'no-argv' in case else None)
     try:
-        for kind, text in case['events']:
+        for kind, text in case.get('~', []):
             emit(bus, client, kind, text)
         status = client.wait(timeout=120)
     finally:
@@ -124,54 +124,48 @@ def run(bus, case, blocks, words):
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=30)
         status, out, err, prog = done.returncode, b'', done.stderr.decode(), ''
     else:
+        bus.close(daemon=False)  # no service, unless the case has one
         if 'no-service' not in case:
             bus.serve()
-            for name, value in case['props']:
+            for name, value in (line.split(' ', 1) for line in case.get('+', [])):
                 bus.control('SetProperty', '(sv)', name, GLib.Variant.parse(None, value, None, None))
-            for name, error in case['faults']:
-                bus.control('FailReads', '(sss)', name, *(error.split(' ', 1) + [''])[:2])
+            for fault in case.get('!', []):
+                bus.control('FailReads', '(sss)', *(fault.split(' ', 2) + ['', ''])[:3])
             if 'recapture' in case:
                 open(SCENARIO, 'wb').write(subprocess.run([SIM, 'capture', '--address', bus.address],
                                                           capture_output=True, check=True).stdout)
                 bus.serve()
         status, out, err, prog = run_client(bus, case, words)
-        if 'no-service' not in case and ('~', 'drop-bus') not in case['events']:
+        if 'no-service' not in case and ('~', 'drop-bus') not in case.get('~', []):
             calls = ['%s%s %s %s' % ('!' * refused, member, sig or '-', body)
                      for member, sig, body, refused in bus.control('Calls')[0]]
-    expected = ''.join(line.replace('⇥', '\t').replace('·', ' ') + '\n' for line in case['err'] for line in
+    expected = ''.join(line.replace('⇥', '\t').replace('·', ' ') + '\n' for line in case.get('|', []) for line in
                        (blocks.get(line[1:], []) if line.startswith('@') else [line]))
     expected = expected.replace('{prog}', prog.replace('\\', '\\\\').replace('"', '\\"')).replace('{scenario}', SCENARIO)
     problems = ['exit status %d, standard output %r' % (status, out[:200])] * (status != int(case.get('exit', 0)) or
                                                                                bool(out))
-    for what, seen, wanted in (('standard error', err, expected), ('calls', '\n'.join(calls), '\n'.join(case['calls']))):
+    for what, seen, wanted in (('standard error', err, expected), ('calls', '\n'.join(calls), '\n'.join(case.get('>', [])))):
         problems += ['%s:\n%s\nexpected:\n%s' % (what, seen[:4000], wanted[:4000])] * (seen != wanted)
     if problems:
         raise Failed('\n'.join(problems))
 
 
 def parse(path):
-    cases, blocks, case = [], {}, None
+    cases, case = [], None
     for number, line in enumerate(open(path, encoding='utf-8').read().splitlines() + [''], 1):
         tag, _, text = line.partition(' ')
-        if not line.strip() or line.startswith('#'):
-            case = case if line.strip() else None
-            continue
-        if case is None:
-            case = dict(line=number, runs=[], props=[], faults=[], events=[], err=[], calls=[])
-            cases.append(case)
-        if tag == '=':
-            cases.pop(), blocks.setdefault(text[1:], case['err'])
-        elif tag == '$':
-            case['runs'].append(eval(text, {'__builtins__': {}}) if text.startswith('[') else shlex.split(text))
-        elif tag in ('+', '!'):
-            case['props' if tag == '+' else 'faults'].append((text.split(' ', 1) + [''])[:2])
-        elif tag in ('~', '~!'):
-            case['events'].append((tag, text))
-        elif tag == '&':
-            case[text.partition(' ')[0]] = text.partition(' ')[2]
-        elif tag in ('|', '>'):
-            case['err' if tag == '|' else 'calls'].append(text)
-    return cases, blocks
+        if not line.strip():
+            case = None
+        elif not line.startswith('#'):
+            if case is None:
+                case = dict(line=number)
+                cases.append(case)
+            if tag == '&':
+                case[text.partition(' ')[0]] = text.partition(' ')[2]
+            else:  # a signal keeps its tag: ~ the service's, ~! a stranger's
+                case.setdefault(tag[0] if tag[0] == '~' else tag, []).append((tag, text) if tag[0] == '~' else text)
+    blocks = {case['='][0][1:]: case['|'] for case in cases if '=' in case}
+    return [case for case in cases if '=' not in case], blocks
 
 
 def main():
@@ -181,7 +175,8 @@ def main():
             cases, blocks = parse(path)
             bus = Bus()
             for case in cases:
-                for words in case['runs'] or [[]]:
+                for words in case.get('$') or ['']:
+                    words = eval(words, {'__builtins__': {}}) if words.startswith('[') else shlex.split(words)
                     where = '%s:%d %s' % (os.path.basename(path), case['line'], shlex.join(map(str, words))[:60])
                     if WRAPPER and ({'clock', 'no-argv'} & case.keys() or words[:1] == ['sim']):
                         counts[2] += 1  # qemu-user keeps the real clock and an argument vector of its own
