@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks both Debian packages of one build: fields, the exact file list (so
 # nothing under dbus-1/ that a bus would read), Depends against what each
-# program links, the program's architecture, and lintian: no error allowed.
+# program links, the program's architecture, lintian (no error allowed), the
+# manual pages (no warning) and the bash completion.
 #   tests/package_test.sh DIR ARCHITECTURE VERSION
 set -euo pipefail
 dir=$1 arch=$2 version=$3
@@ -45,6 +46,19 @@ check kepclient "" usr/bin/kepclient usr/share/man/man1/kepclient.1.gz \
 check kep-sim dbus-daemon usr/bin/kep-sim usr/share/man/man1/kep-sim.1.gz \
     usr/share/kep-sim/kep-sim.conf usr/share/kep-sim/com.calyra.kep.xml \
     usr/share/doc/kep-sim/copyright usr/share/doc/kep-sim/changelog.gz
+for page in kepclient/usr/share/man/man1/kepclient.1.gz kep-sim/usr/share/man/man1/kep-sim.1.gz; do
+    out=$(MANWIDTH=80 man --warnings -l "$work/$page" 2>&1 >/dev/null || echo "man fails")
+    [ -z "$out" ] || fail "man -l $page: $out"
+done
+# complete WORDS...: what bash offers for the last word, without bash-completion's helpers.
+complete_words() {
+    bash --norc --noprofile -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
+        _kepclient; echo "${COMPREPLY[*]}"' - "$work/kepclient/usr/share/bash-completion/completions/kepclient" "$@"
+}
+[ "$(complete_words kepclient w)" = "wps wiredip wirelessip" ] || fail "completing 'kepclient w'"
+[ "$(complete_words kepclient normal wi)" = "wired wireless" ] || fail "completing 'kepclient normal wi'"
+[ "$(complete_words kepclient add Home wpa_psk s3cret Guest u)" = "unsecured" ] || fail "completing a second type"
+[ "$(complete_words kepclient softap start "")" = "" ] || fail "completing after 'softap start'"
 # kep-sim's hint, when it cannot own the name, names the packaged policy's directory.
 grep -qaF /usr/share/kep-sim "$work/kep-sim/usr/bin/kep-sim" || fail "kep-sim does not name /usr/share/kep-sim"
 
