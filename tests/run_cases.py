@@ -4,13 +4,13 @@ com.calyra.kep on a private bus, scripted through kep-sim's control interface. A
   $ words                 one run: shell words, "$ [...]" a Python list (bytes, expressions), "$ sim ..." kep-sim
   + Property value        the service's property before the run (GVariant text, any type)
   ! Property [Error msg]  reads of the property answer that error; with no error, never answer
-  ~ Signal (args,)        once the client listens for Signal, the service emits it ("~!": a stranger does)
-  ~ restart / drop-bus    the service restarts / the bus goes away while the client waits
-  & clock S / prog NAME / no-argv / no-service / recapture / scenario TEXT / exit N
-                          fast clock, ending after S of its seconds / started as NAME / with no argument vector /
-                          no service / served from kep-sim's capture / kep-sim's scenario / exit status
-  | text                  one line of standard error, ⇥ a tab, · a blank; "| @name" a block "= @name" defines
-  > Member sig (body)     one call the service received, in order ("> !": refused); none listed, none made
+  ~ Signal (args,)        once the client listens for Signal, the service emits it ("~!": a stranger does);
+                          "~ restart" / "~ drop-bus": the service restarts / the bus goes away meanwhile
+  & clock S | prog NAME | no-argv | no-service | recapture | scenario TEXT | exit N: a fast clock, ending after S
+                          of its seconds | started as NAME | with no argument vector | no service | served from
+                          kep-sim's capture | kep-sim's scenario | exit status
+  | text                  a line of standard error, ⇥ a tab, · a blank ("| @name": the block "= @name" defines)
+  > Member sig (body)     a call the service received, in order ("> !": refused); none listed, none made
 """
 import ctypes, glob, os, select, shlex, shutil, subprocess, sys, tempfile, time
 from gi.repository import Gio, GLib
@@ -22,15 +22,11 @@ SCENARIO, SPEED, KEP = os.path.join(WORK, 'scenario'), 60, ('com.calyra.kep', '/
 WITH_US = ['setpriv', '--pdeathsig', 'KILL']  # children die with the runner, whatever happens
 
 
-class Failed(Exception):
-    pass
-
-
 def until(check, what, timeout=10):
     end = time.monotonic() + timeout
     while not check():
         if time.monotonic() > end:
-            raise Failed('gave up waiting for ' + what)
+            raise AssertionError('gave up waiting for ' + what)
         time.sleep(0.002)
 
 
@@ -82,7 +78,7 @@ def emit(bus, client, kind, text):
     member, args = text.split(' ', 1) if ' ' in text else ('ScanResults', None)
     until(lambda: bus.listening(member), 'the client to listen for ' + member)
     if 'libQt5Network' in open('/proc/%d/maps' % client.pid).read():
-        raise Failed('the waiting client maps QtNetwork')
+        raise AssertionError('the waiting client maps QtNetwork')
     if text in ('restart', 'drop-bus'):
         return bus.serve() if text == 'restart' else bus.daemon.kill()
     args = GLib.Variant.parse(None, args, None, None)
@@ -111,7 +107,7 @@ def run_client(bus, case, words):
         client.kill()
     seconds = (time.monotonic() - started) * SPEED
     if 'clock' in case and not float(case['clock']) <= seconds < float(case['clock']) * 2 + 10:
-        raise Failed('ended after %.1f of its seconds, not %s' % (seconds, case['clock']))
+        raise AssertionError('ended after %.1f of its seconds, not %s' % (seconds, case['clock']))
     out.seek(0), err.seek(0)
     return status, out.read(), err.read().decode('utf-8', 'replace'), prog
 
@@ -147,7 +143,7 @@ def run(bus, case, blocks, words):
     for what, seen, wanted in (('standard error', err, expected), ('calls', '\n'.join(calls), '\n'.join(case.get('>', [])))):
         problems += ['%s:\n%s\nexpected:\n%s' % (what, seen[:4000], wanted[:4000])] * (seen != wanted)
     if problems:
-        raise Failed('\n'.join(problems))
+        raise AssertionError('\n'.join(problems))
 
 
 def parse(path):
@@ -169,33 +165,30 @@ def parse(path):
 
 
 def main():
-    counts = [0, 0, 0]  # passed, failed, skipped
+    counts, bus = {'ok': 0, 'FAIL': 0, 'skipped': 0}, Bus()
     try:
         for path in sys.argv[1:]:
             cases, blocks = parse(path)
-            bus = Bus()
-            for case in cases:
-                for words in case.get('$') or ['']:
-                    words = eval(words, {'__builtins__': {}}) if words.startswith('[') else shlex.split(words)
-                    where = '%s:%d %s' % (os.path.basename(path), case['line'], shlex.join(map(str, words))[:60])
-                    if WRAPPER and ({'clock', 'no-argv'} & case.keys() or words[:1] == ['sim']):
-                        counts[2] += 1  # qemu-user keeps the real clock and an argument vector of its own
-                        continue
-                    try:
-                        run(bus, case, blocks, words)
-                        counts[0] += 1
-                        print('ok', where)
-                    except (Failed, GLib.Error, subprocess.SubprocessError) as e:
-                        counts[1] += 1
-                        print('FAIL', where, '\n' + str(e))
-                    if bus.daemon.poll() is not None:
-                        bus.close()
-                        bus = Bus()
-            bus.close()
+            for case, words in ((case, words) for case in cases for words in case.get('$') or ['']):
+                words = eval(words, {'__builtins__': {}}) if words.startswith('[') else shlex.split(words)
+                where = '%s:%d %s' % (os.path.basename(path), case['line'], shlex.join(map(str, words))[:60])
+                if WRAPPER and ({'clock', 'no-argv'} & case.keys() or words[:1] == ['sim']):
+                    counts['skipped'] += 1  # qemu-user keeps the real clock and an argument vector of its own
+                    continue
+                try:
+                    result, detail = run(bus, case, blocks, words) or 'ok', ''
+                except (AssertionError, GLib.Error, subprocess.SubprocessError) as e:
+                    result, detail = 'FAIL', '\n' + str(e)
+                counts[result] += 1
+                print(result, where, detail)
+                if bus.daemon.poll() is not None:  # the case took the bus away
+                    bus.close()
+                    bus = Bus()
     finally:
+        bus.close()
         shutil.rmtree(WORK)
-    print('%d passed, %d failed, %d skipped' % tuple(counts))
-    return 1 if counts[1] else 0
+    print('%(ok)d passed, %(FAIL)d failed, %(skipped)d skipped' % counts)
+    return 1 if counts['FAIL'] else 0
 
 
 if __name__ == '__main__':
