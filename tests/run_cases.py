@@ -30,8 +30,7 @@ def until(check, what, timeout=10):
         time.sleep(0.002)
 
 
-def start(command):
-    """Starts a program whose first line on standard output says it is ready, and returns it and that line."""
+def start(command):  # a program whose first line on standard output says it is ready; returns it and the line
     proc = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     until(lambda: select.select([proc.stdout], [], [], 0)[0], command[0] + ' to start')
     return proc, proc.stdout.readline().decode().strip()
@@ -45,19 +44,16 @@ class Bus:
                                                             | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
         self.sim = None
 
-    def call(self, dest, path, iface, method, args=None):
-        return self.conn.call_sync(dest, path, iface, method, args, None, 0, 5000, None).unpack()
-
-    def control(self, method, fmt='()', *args):
-        return self.call(*KEP, 'com.calyra.kep.Sim', method, GLib.Variant(fmt, args))
+    def control(self, method, fmt='()', *args, to=KEP + ('com.calyra.kep.Sim',)):
+        return self.conn.call_sync(*to, method, GLib.Variant(fmt, args), None, 0, 5000, None).unpack()
 
     def serve(self):
         self.close(daemon=False)
         self.sim = start([SIM, '--address', self.address, '--scenario', SCENARIO])[0]
 
     def listening(self, member):
-        rules = self.call('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats',
-                          'GetAllMatchRules')[0]
+        rules = self.control('GetAllMatchRules', to=('org.freedesktop.DBus', '/org/freedesktop/DBus',
+                                                     'org.freedesktop.DBus.Debug.Stats'))[0]
         return any("member='%s'" % member in rule for rules in rules.values() for rule in rules)
 
     def close(self, daemon=True):
