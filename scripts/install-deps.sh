@@ -3,7 +3,7 @@
 # Idempotent: prints nothing and touches nothing when all are present.
 set -euo pipefail
 
-packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools libglib2.0-dev pkg-config dbus-daemon dbus-bin util-linux faketime python3-gi valgrind file man-db groff-base lintian libglib2.0-bin "$@")
+packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools libglib2.0-dev pkg-config dbus-daemon dbus-bin util-linux faketime python3-gi file man-db groff-base lintian libglib2.0-bin "$@")
 
 missing=()
 for p in "${packages[@]}"; do
