@@ -5,8 +5,8 @@
 # rcc, qdbusxml2cpp, ...) at armhf executables inside the sysroot, which are
 # not there and could not run on the build machine anyway. Those config files
 # create the imported tool targets only if they do not exist yet, so creating
-# them here first, pointing at the build machine's Qt 5 tools, makes AUTOMOC,
-# qt5_add_dbus_interface() and qt5_add_dbus_adaptor() use the host's tools.
+# them here first, pointing at the build machine's Qt 5 tools, makes AUTOMOC
+# and qt5_add_dbus_interface() use the host's tools.
 # moc's output depends on the target only through the compiler's predefined
 # macros, which AUTOMOC takes from the cross compiler.
 
