@@ -25,8 +25,7 @@ WITH_US = ['setpriv', '--pdeathsig', 'KILL']  # children die with the runner, wh
 def until(check, what, timeout=10):
     end = time.monotonic() + timeout
     while not check():
-        if time.monotonic() > end:
-            raise AssertionError('gave up waiting for ' + what)
+        assert time.monotonic() < end, 'gave up waiting for ' + what
         time.sleep(0.002)
 
 
@@ -73,8 +72,7 @@ def emit(bus, client, kind, text):
     # scan and wps both listen for ScanResults, wps last of all and after its call
     member, args = text.split(' ', 1) if ' ' in text else ('ScanResults', None)
     until(lambda: bus.listening(member), 'the client to listen for ' + member)
-    if 'libQt5Network' in open('/proc/%d/maps' % client.pid).read():
-        raise AssertionError('the waiting client maps QtNetwork')
+    assert 'libQt5Network' not in open('/proc/%d/maps' % client.pid).read(), 'the waiting client maps QtNetwork'
     if text in ('restart', 'drop-bus'):
         return bus.serve() if text == 'restart' else bus.daemon.kill()
     args = GLib.Variant.parse(None, args, None, None)
@@ -102,8 +100,8 @@ def run_client(bus, case, words):
     finally:
         client.kill()
     seconds = (time.monotonic() - started) * SPEED
-    if 'clock' in case and not float(case['clock']) <= seconds < float(case['clock']) * 2 + 10:
-        raise AssertionError('ended after %.1f of its seconds, not %s' % (seconds, case['clock']))
+    assert 'clock' not in case or float(case['clock']) <= seconds < float(case['clock']) * 2 + 10, \
+        'ended after %.1f of its seconds, not %s' % (seconds, case.get('clock'))
     out.seek(0), err.seek(0)
     return status, out.read(), err.read().decode('utf-8', 'replace'), prog
 
@@ -138,8 +136,7 @@ def run(bus, case, blocks, words):
                                                                                bool(out))
     for what, seen, wanted in (('standard error', err, expected), ('calls', '\n'.join(calls), '\n'.join(case.get('>', [])))):
         problems += ['%s:\n%s\nexpected:\n%s' % (what, seen[:4000], wanted[:4000])] * (seen != wanted)
-    if problems:
-        raise AssertionError('\n'.join(problems))
+    assert not problems, '\n'.join(problems)
 
 
 def parse(path):
