@@ -19,6 +19,7 @@ CLIENT = os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT']
 WRAPPER, SIM = os.environ.get('KEPCLIENT_WRAPPER', '').split(), os.environ['KEPSIM']
 WORK = tempfile.mkdtemp(prefix='kep-cases.')
 SCENARIO, SPEED, KEP = os.path.join(WORK, 'scenario'), 60, ('com.calyra.kep', '/com/calyra/kep')
+BUS = ('org.freedesktop.DBus', '/org/freedesktop/DBus')
 WITH_US = ['setpriv', '--pdeathsig', 'KILL']  # children die with the runner, whatever happens
 
 
@@ -51,13 +52,14 @@ class Bus:
         self.sim = start([SIM, '--address', self.address, '--scenario', SCENARIO])[0]
 
     def listening(self, member):
-        rules = self.control('GetAllMatchRules', to=('org.freedesktop.DBus', '/org/freedesktop/DBus',
-                                                     'org.freedesktop.DBus.Debug.Stats'))[0]
+        rules = self.control('GetAllMatchRules', to=BUS + ('org.freedesktop.DBus.Debug.Stats',))[0]
         return any("member='%s'" % member in rule for rules in rules.values() for rule in rules)
 
     def close(self, daemon=True):
         for proc in [self.sim] + [self.daemon] * daemon:
             proc and (proc.kill(), proc.wait())
+        if self.sim and not daemon:  # the bus frees the name once it has read the end of the connection
+            until(lambda: not self.control('NameHasOwner', '(s)', KEP[0], to=BUS + BUS[:1])[0], 'the name to be free')
 
 
 def exec_without_argv(env):
