@@ -2,15 +2,17 @@
 // after their delays, Details made from the state, written IP settings showing up there.
 #include "sim/service.h"
 
-#include <functional>
-
 namespace {
 
-void later(guint ms, std::function<void()> action) {
-    using Action = std::function<void()>;
-    g_timeout_add_full(
-        G_PRIORITY_DEFAULT, ms, [](gpointer a) { return (*static_cast<Action *>(a))(), G_SOURCE_REMOVE; },
-        new Action(std::move(action)), [](gpointer a) { delete static_cast<Action *>(a); });
+using Action = std::function<void()>;
+
+gboolean runAction(gpointer action) {
+    (*static_cast<Action *>(action))();
+    return G_SOURCE_REMOVE;
+}
+
+void deleteAction(gpointer action) {
+    delete static_cast<Action *>(action);
 }
 
 std::string textIn(GVariant *map, const char *key) {
@@ -29,6 +31,10 @@ Addressing addressing(const Variant &settings, const char *dhcpAddress, bool up)
 }
 
 } // namespace
+
+void later(guint ms, std::function<void()> action) {
+    g_timeout_add_full(G_PRIORITY_DEFAULT, ms, runAction, new Action(std::move(action)), deleteAction);
+}
 
 void Service::method(std::string_view method, GVariant *args, GDBusMethodInvocation *call) {
     const char *word = ""; // the methods that take arguments take a string first
@@ -49,8 +55,10 @@ void Service::method(std::string_view method, GVariant *args, GDBusMethodInvocat
     const auto results = [this] { say("ScanResults", g_variant_new("(@a{sv})", m_state.scanResults.get())); };
     if (method == "Scan") {
         later(m_state.scanDelayMs, results);
+    } else if (method == "SetNormalMode" && normal) {
+        switchMode(mode);
     } else if (method == "SetNormalMode") {
-        normal ? switchMode(mode) : say("Error", g_variant_new("(s)", ("Unknown mode: " + mode).c_str()));
+        say("Error", g_variant_new("(s)", ("Unknown mode: " + mode).c_str()));
     } else if (method == "SetOffMode" || (method == "StopSoftAp" && mode == m_softApInterface && this->mode() == "softap")) {
         switchMode("off");
     } else if (method == "StartSoftAp") {
@@ -66,10 +74,9 @@ void Service::method(std::string_view method, GVariant *args, GDBusMethodInvocat
         m_wpsRunning = true;
         for (guint pass = 1; pass <= passes; ++pass) later(step * pass, results);
         later(step * (passes + 1), [this] {
-            const bool ok = m_state.wpsError.empty();
             m_wpsRunning = false;
-            say(ok ? "WpsCredentials" : "WpsError", ok ? g_variant_new("(@a{sv})", m_state.wpsCredentials.get())
-                                                       : g_variant_new("(s)", m_state.wpsError.c_str()));
+            if (m_state.wpsError.empty()) say("WpsCredentials", g_variant_new("(@a{sv})", m_state.wpsCredentials.get()));
+            else say("WpsError", g_variant_new("(s)", m_state.wpsError.c_str()));
         });
     }
     g_dbus_method_invocation_return_value(call, nullptr);
@@ -129,5 +136,6 @@ void Service::switchMode(const std::string &mode) {
 }
 
 void Service::say(const char *signal, GVariant *args) {
-    m_state.silent ? g_variant_unref(g_variant_ref_sink(args)) : emit(signal, args);
+    if (m_state.silent) g_variant_unref(g_variant_ref_sink(args));
+    else emit(signal, args);
 }

@@ -47,15 +47,10 @@ void invalid(GDBusMethodInvocation *call, const std::string &message) {
 
 } // namespace
 
-Service::~Service() {
-    for (GDBusMethodInvocation *call : m_unanswered) g_object_unref(call);
-    g_clear_object(&m_bus);
-}
-
 bool Service::serve(GDBusConnection *bus, GError **error) {
     // No property handlers: GDBus hands Get, Set, GetAll to dispatch() once checked, and a Get may go unanswered.
     static const GDBusInterfaceVTable vtable = {dispatch, nullptr, nullptr, {}};
-    m_bus = G_DBUS_CONNECTION(g_object_ref(bus));
+    m_bus = bus;
     g_dbus_connection_add_filter(bus, filter, this, nullptr);
     return g_dbus_connection_register_object(bus, kep::ObjectPath, kepInterface(), &vtable, this, nullptr, error)
            && g_dbus_connection_register_object(bus, kep::ObjectPath, simInterface(), &vtable, this, nullptr, error);
@@ -79,12 +74,20 @@ GDBusMessage *Service::filter(GDBusConnection *bus, GDBusMessage *message, gbool
     Call call{g_dbus_message_get_member(message), signature ? signature : "", body ? text(body) : "()", false};
     const Verdict verdict = ::verdict(interface ? interface : "", call.member, call.signature, body);
     call.refused = verdict != Accepted;
-    if (service->m_trace)
+    if (service->m_trace) {
+        const char *refused = "";
+        if (call.refused) refused = " refused";
         std::fprintf(stderr, "kep-sim: call %s.%s %s%s\n", interface ? interface : "", call.member.c_str(),
-                     call.body.c_str(), call.refused ? " refused" : "");
-    if (g_strcmp0(interface, SimInterfaceName) != 0) {
+                     call.body.c_str(), refused);
+    }
+    if (g_strcmp0(interface, SimInterfaceName) == 0) return message;
+    {
         const std::lock_guard<std::mutex> hold(service->m_callsLock);
         service->m_calls.push_back(std::move(call));
+    }
+    if (service->replayed(message)) {
+        g_object_unref(message); // answered from the dialog: no handler of GDBus's sees it
+        return nullptr;
     }
     if (verdict != ReadOnly) return message;
     g_autoptr(GDBusMessage) error = g_dbus_message_new_method_error_literal(
@@ -116,7 +119,7 @@ void Service::properties(std::string_view method, GVariant *args, GDBusMethodInv
         g_dbus_connection_send_message(m_bus, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
         g_object_unref(call);
     } else if (fault->second.first.empty()) {
-        m_unanswered.push_back(call); // never answered: the caller waits for its own timeout
+        m_unanswered.emplace_back(call); // never answered: the caller waits for its own timeout
     } else {
         g_dbus_method_invocation_return_dbus_error(call, fault->second.first.c_str(), fault->second.second.c_str());
     }

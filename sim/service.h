@@ -3,9 +3,13 @@
 
 #include "sim/scenario.h"
 
+#include <functional>
 #include <mutex>
 #include <string_view>
 #include <vector>
+
+// Runs `action` on the main loop after `ms` milliseconds; may be called from any thread.
+void later(guint ms, std::function<void()> action);
 
 // The connection manager as the simulator plays it at /com/calyra/kep, and
 // the simulator's control interface com.calyra.kep.Sim on the same object.
@@ -14,8 +18,8 @@
 class Service {
 public:
     Service(Scenario scenario, bool trace) : m_state(std::move(scenario)), m_trace(trace) {}
-    ~Service();
     bool serve(GDBusConnection *bus, GError **error);
+    void startReplay(); // plays the signals that come before the dialog's first call
 
 private:
     struct Call { std::string member, signature, body; bool refused; };
@@ -33,12 +37,20 @@ private:
     void switchMode(const std::string &mode);
     void say(const char *signal, GVariant *args); // a signal of the service's own: none when silent
 
+    // Playing a recorded dialog (replay.cpp).
+    bool replayed(GDBusMessage *call); // on GDBus's thread: true when the call was the dialog's next one
+    void play(size_t from);            // the signals from step `from` on, up to the next call
+    void answer(const Step &step, GDBusMessage *call);
+
     Scenario m_state;
     const bool m_trace;
-    GDBusConnection *m_bus = nullptr;
+    GDBusConnection *m_bus = nullptr; // the connection served on, which outlives the service
     std::string m_softApInterface = "uap0";
     bool m_wpsRunning = false;
-    std::vector<GDBusMethodInvocation *> m_unanswered;
+    std::vector<Object<GDBusMethodInvocation>> m_unanswered;
+    std::mutex m_replayLock; // the dialog is followed on GDBus's thread
+    size_t m_nextCall = 0;   // the dialog's next step that is a call
+    std::vector<Object<GDBusMessage>> m_unansweredReplays;
     std::mutex m_callsLock; // the filter runs on GDBus's own thread
     std::vector<Call> m_calls;
 };
