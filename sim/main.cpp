@@ -95,8 +95,9 @@ int record(const Options &o) {
     g_autoptr(GDBusConnection) service = connectTo(serviceBus(o));
     g_autoptr(GDBusConnection) program = connectTo(privateBus.address());
     if (!service || !program) return 1;
-    std::string scenario;
-    captureProperties(service, scenario); // says what it leaves out
+    // The dialog has what the service refused to read, so those are left out without a word.
+    std::string scenario, leftOut;
+    captureProperties(service, scenario, leftOut);
     Recorder recorder(service, program);
     recorder.start();
     if (!ownName(program, false)) return 1;
@@ -110,8 +111,9 @@ int record(const Options &o) {
 int capture(const Options &o) {
     g_autoptr(GDBusConnection) bus = connectTo(serviceBus(o));
     if (!bus) return 1;
-    std::string entries;
-    const bool complete = captureProperties(bus, entries);
+    std::string entries, leftOut;
+    const bool complete = captureProperties(bus, entries, leftOut);
+    std::fputs(leftOut.c_str(), stderr);
     if (entries.empty()) std::puts("{}");
     else std::printf("{\n%s\n}\n", entries.c_str());
     if (!complete) return 1;

@@ -203,8 +203,7 @@ bool loadScenario(const std::string &path, Scenario &scenario, std::string &mess
     return Reader{path, std::string(contents, length), scenario, message}.read();
 }
 
-bool captureProperties(GDBusConnection *bus, std::string &entries) {
-    bool complete = true;
+bool captureProperties(GDBusConnection *bus, std::string &entries, std::string &leftOut) {
     for (GDBusPropertyInfo **p = kepInterface()->properties; *p; ++p) {
         if (!((*p)->flags & G_DBUS_PROPERTY_INFO_FLAGS_READABLE)) continue;
         g_autoptr(GError) error = nullptr;
@@ -213,13 +212,12 @@ bool captureProperties(GDBusConnection *bus, std::string &entries) {
             g_variant_new("(ss)", kep::InterfaceName, (*p)->name), G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE, -1,
             nullptr, &error);
         if (!reply) {
-            std::fprintf(stderr, "kep-sim: %s left out: %s\n", (*p)->name, error->message);
-            complete = false;
+            leftOut += std::string("kep-sim: ") + (*p)->name + " left out: " + error->message + "\n";
             continue;
         }
         g_autoptr(GVariant) value = g_variant_get_child_value(reply, 0); // in GVariant text: <...>
         if (!entries.empty()) entries += ",\n";
         entries += std::string("  '") + (*p)->name + "': " + text(value);
     }
-    return complete;
+    return leftOut.empty();
 }

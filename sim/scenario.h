@@ -25,7 +25,7 @@ struct Scenario {
 bool loadScenario(const std::string &path, Scenario &scenario, std::string &message);
 
 // Every readable property of the service on `bus` as scenario entries, one a line ("  'Name': <value>",
-// joined by ",\n"). Says on standard error what it leaves out; false when it left out any.
-bool captureProperties(GDBusConnection *bus, std::string &entries);
+// joined by ",\n"); those it could not read are left out, with a line each in `leftOut`, and it gives false.
+bool captureProperties(GDBusConnection *bus, std::string &entries, std::string &leftOut);
 
 #endif
