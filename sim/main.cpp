@@ -86,7 +86,8 @@ int serve(const Options &o, Scenario scenario) {
     return status;
 }
 
-// The state of the service on its bus, then COMMAND's dialog with it, as one scenario in --output.
+// COMMAND's dialog with the service, and the state of the service once COMMAND has ended (what the
+// simulated service goes on from once the dialog is played), as one scenario in --output.
 int record(const Options &o) {
     g_autoptr(GError) e = nullptr;
     if (!g_file_set_contents(o.output.c_str(), "", 0, &e)) return fail(e->message);
@@ -95,13 +96,13 @@ int record(const Options &o) {
     g_autoptr(GDBusConnection) service = connectTo(serviceBus(o));
     g_autoptr(GDBusConnection) program = connectTo(privateBus.address());
     if (!service || !program) return 1;
-    // The dialog has what the service refused to read, so those are left out without a word.
-    std::string scenario, leftOut;
-    captureProperties(service, scenario, leftOut);
     Recorder recorder(service, program);
     recorder.start();
     if (!ownName(program, false)) return 1;
     const int status = runLoop(program, o.command, privateBus.address());
+    // The dialog has what the service refused to read, so those are left out without a word.
+    std::string scenario, leftOut;
+    captureProperties(service, scenario, leftOut);
     if (!scenario.empty()) scenario += ",\n";
     scenario = "{\n" + scenario + "  'dialog': <" + dialogText(recorder.dialog()) + ">\n}\n";
     if (!g_file_set_contents(o.output.c_str(), scenario.c_str(), -1, &e)) return fail(e->message);
