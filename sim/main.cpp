@@ -74,12 +74,12 @@ int serve(const Options &o, Scenario scenario) {
     Service service(std::move(scenario), o.trace);
     if (!bus) return 1;
     if (!service.serve(bus, &e)) return fail(std::string("cannot serve ") + kep::ObjectPath + ": " + e->message);
+    service.startReplay(); // its signals go once the loop runs
     if (!ownName(bus, o.system)) return 1;
     if (o.word != "run") {
         std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
         std::fflush(stdout);
     }
-    service.startReplay();
     const int status = runLoop(bus, o.command, address);
     g_dbus_connection_close_sync(bus, nullptr, nullptr);
     if (o.word != "run") return 0;

@@ -36,6 +36,7 @@ std::string argsOf(GDBusMessage *call) {
 } // namespace
 
 void Service::startReplay() {
+    const std::lock_guard<std::mutex> hold(m_replayLock);
     m_nextCall = nextCall(m_state.dialog, 0);
     play(0);
 }
