@@ -66,16 +66,16 @@ void Service::answer(const Step &step, GDBusMessage *call) {
         m_unansweredReplays.emplace_back(G_DBUS_MESSAGE(g_object_ref(call)));
         return;
     }
-    Object<GDBusMessage> answer;
+    std::shared_ptr<GDBusMessage> answer;
     if (!step.error.empty()) {
-        answer.reset(g_dbus_message_new_method_error_literal(call, step.error.c_str(), step.message.c_str()));
+        answer.reset(g_dbus_message_new_method_error_literal(call, step.error.c_str(), step.message.c_str()),
+                     g_object_unref);
     } else {
-        answer.reset(g_dbus_message_new_method_reply(call));
+        answer.reset(g_dbus_message_new_method_reply(call), g_object_unref);
         g_dbus_message_set_body(answer.get(), step.reply.get()); // as recorded, whatever its type
     }
-    std::shared_ptr<GDBusMessage> sent(answer.release(), g_object_unref);
-    later(step.replyMs, [this, sent] {
-        g_dbus_connection_send_message(m_bus, sent.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    later(step.replyMs, [this, answer] {
+        g_dbus_connection_send_message(m_bus, answer.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     });
 }
 
