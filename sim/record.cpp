@@ -63,11 +63,12 @@ guint Recorder::millisecondsSinceLastStep(gint64 now) {
     return guint((microseconds + 500) / 1000);
 }
 
-// On GDBus's own thread: every call the program makes is taken over and passed on from the main loop.
+// On GDBus's own thread: every call the program makes is taken over and passed on from the main loop, in
+// its turn with the service's signals and answers, which GDBus hands over at the default priority too.
 GDBusMessage *Recorder::filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self) {
     if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) return message;
     auto *call = new Call{static_cast<Recorder *>(self), Object<GDBusMessage>(message), NotRecorded, 0};
-    g_idle_add(passOn, call);
+    g_idle_add_full(G_PRIORITY_DEFAULT, passOn, call, nullptr);
     return nullptr;
 }
 
