@@ -14,7 +14,8 @@ void later(guint ms, std::function<void()> action);
 // The connection manager as the simulator plays it at /com/calyra/kep, and
 // the simulator's control interface com.calyra.kep.Sim on the same object.
 // GDBus checks calls against the interface file and refuses the wrong ones
-// itself; a filter on the connection sees every call first and lists it.
+// itself; a filter on the connection sees every call first, lists it, and
+// answers it itself when it is the next call of a recorded dialog.
 class Service {
 public:
     Service(Scenario scenario, bool trace) : m_state(std::move(scenario)), m_trace(trace) {}
