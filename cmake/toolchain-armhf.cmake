@@ -65,9 +65,12 @@ list(APPEND CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES
 list(REMOVE_DUPLICATES CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES)
 
 # pkg-config (GLib for kep-sim) reads the sysroot's .pc files, never the build
-# machine's.
+# machine's, and its paths lead into the sysroot, through a wrapper that
+# keeps a blank in the sysroot's path.
 set(ENV{PKG_CONFIG_LIBDIR} "${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}/pkgconfig:${KEP_ARMHF_SYSROOT}/usr/share/pkgconfig")
-set(ENV{PKG_CONFIG_SYSROOT_DIR} "${KEP_ARMHF_SYSROOT}")
+set(ENV{KEP_ARMHF_SYSROOT} "${KEP_ARMHF_SYSROOT}")
+set(PKG_CONFIG_EXECUTABLE "${CMAKE_CURRENT_LIST_DIR}/pkg-config-armhf.sh" CACHE FILEPATH
+    "pkg-config for the armhf sysroot")
 
 # --- host code generators -------------------------------------------------------------
 # Included at the end of project(), before the project's find_package(Qt5).
