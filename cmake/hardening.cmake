@@ -3,8 +3,7 @@
 # with every hardening feature on (stack protector strong, _FORTIFY_SOURCE=2,
 # format security, RELRO, immediate binding; PIE is the compiler's default),
 # plus stack clash protection. The optimisation level and -g stay the build
-# type's. Debian's compilers make position-independent executables by
-# default; CMake adds nothing against it.
+# type's.
 #
 # Paths of the source and build trees are mapped to fixed names in debug
 # information and __FILE__ (-ffile-prefix-map), so that two builds of the
