@@ -59,6 +59,10 @@ sim=$build/kep-sim
 floor=$build/floor/floor
 floor_dbus=$build/floor/floor-dbus
 [ -n "$client" ] || client=$build/kepclient
+# The programs as words of a command line (quoted, for a path with blanks).
+q_client=$(printf '%q' "$client")
+q_floor=$(printf '%q' "$floor")
+q_floor_dbus=$(printf '%q' "$floor_dbus")
 
 # --- scenarios, simulated services -------------------------------------------
 work=$(mktemp -d)
@@ -130,14 +134,14 @@ lines_printed() {
 # commands of a section in rounds (RUNS-ARRAY-NAME_rounds hyperfine runs over
 # all of them, with the options in the array RUNS-ARRAY-NAME), then takes
 # peak RSS and, when WITH-IR is 1, instruction counts one by one. A COMMAND is
-# one line of words without quoting.
+# one line of words, quoted as the shell quotes them.
 # Appends a row per command to $work/rows, fields separated by |:
 #   section|label|median s|user s|system s|peak RSS kB|instructions|fastest round s
 measure() {
     local section=$1 runs_name=$2 with_ir=$3; shift 3
     local -n runs_ref=$runs_name
     local -n rounds=${runs_name}_rounds
-    local labels=() commands=() pair
+    local labels=() commands=() words=() pair
     for pair in "$@"; do
         labels+=("${pair%%=*}")
         commands+=("${pair#*=}")
@@ -151,11 +155,11 @@ measure() {
     done
     local i rss ir times
     for i in "${!commands[@]}"; do
-        # shellcheck disable=SC2086 # a command line is split into its words here
-        rss=$(peak_rss ${commands[$i]})
+        # The command line split into its words, as the shell would.
+        eval "words=(${commands[$i]})"
+        rss=$(peak_rss "${words[@]}")
         ir=""
-        # shellcheck disable=SC2086
-        [ "$with_ir" -eq 0 ] || ir=$(instructions ${commands[$i]})
+        [ "$with_ir" -eq 0 ] || ir=$(instructions "${words[@]}")
         # median of the round medians; user and system time as their medians
         # too; and the fastest round's median, the least disturbed by the rest
         # of the machine
@@ -178,16 +182,16 @@ start_sim typical
 typical_lines=$(lines_printed "$client" status)
 [ "$typical_lines" -gt 0 ] || { echo "bench/run.sh: kepclient status printed nothing" >&2; exit 1; }
 measure status short 1 \
-    "kepclient status=$client status" \
-    "floor-dbus print=$floor_dbus print" \
-    "floor-dbus proxy=$floor_dbus proxy" \
-    "floor-dbus get=$floor_dbus get" \
-    "floor (QCoreApplication only)=$floor" \
+    "kepclient status=$q_client status" \
+    "floor-dbus print=$q_floor_dbus print" \
+    "floor-dbus proxy=$q_floor_dbus proxy" \
+    "floor-dbus get=$q_floor_dbus get" \
+    "floor (QCoreApplication only)=$q_floor" \
     "gdbus call=$gdbus_get" \
     "busctl get-property=$busctl_get" \
     "dbus-send --print-reply=$dbussend_get"
 measure off short 1 \
-    "kepclient off=$client off" \
+    "kepclient off=$q_client off" \
     "gdbus call=$gdbus_off" \
     "busctl call=$busctl_off" \
     "dbus-send --print-reply=$dbussend_off"
@@ -195,15 +199,15 @@ measure off short 1 \
 start_sim large
 large_lines=$(lines_printed "$client" status)
 measure large long 0 \
-    "kepclient status=$client status" \
+    "kepclient status=$q_client status" \
     "busctl get-property=$busctl_get" \
     "gdbus call=$gdbus_get" \
-    "floor-dbus get=$floor_dbus get"
+    "floor-dbus get=$q_floor_dbus get"
 
 start_sim scan
 scan_lines=$(lines_printed "$client" scan)
 measure scan long 0 \
-    "kepclient scan=$client scan"
+    "kepclient scan=$q_client scan"
 
 # --- the report ------------------------------------------------------------------
 print_section() {

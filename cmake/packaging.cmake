@@ -1,38 +1,60 @@
-# Debian packages with CPack: `cpack -G DEB` in a build folder gives one
-# package per install component (cmake/install.cmake):
-#   kepclient_<version>_<arch>.deb  the client, its manual page, its completion;
-#   kep-sim_<version>_<arch>.deb    the simulator, its manual page and notes,
-#                                   the interface description and its policy.
+# The control files of the Debian packages, written into the build tree's
+# debian-control/ at configure time; scripts/package.sh installs each
+# component (cmake/install.cmake), splits off the debug information, adds
+# Installed-Size (and Build-Ids) and builds the packages with dpkg-deb:
+#   kepclient_<version>_<arch>.deb         the client, its manual page, its completion;
+#   kep-sim_<version>_<arch>.deb           the simulator, its manual page and notes,
+#                                          the interface description and its policy;
+#   kepclient-dbgsym, kep-sim-dbgsym       their programs' debug information.
 # The architecture follows the compiler: armhf for the cross build, the build
-# machine's own otherwise. The packages install under the build's prefix, the
-# one compiled into the programs (kep-sim names its policy's path).
-set(CPACK_GENERATOR DEB)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL client sim)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "kep developers <kep-dev@calyra.invalid>")
-set(CPACK_DEBIAN_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# machine's own otherwise (KEP_DEB_HOST_ARCH, cmake/hardening.cmake). The
+# packages install under the build's prefix, the one compiled into the
+# programs (kep-sim names its policy's path).
+set(kep_maintainer "kep developers <kep-dev@calyra.invalid>")
+set(kep_control_dir ${PROJECT_BINARY_DIR}/debian-control)
 # Version floors below are those dpkg-shlibdeps gives; on armhf the
 # unwinder's symbols that the programs use are versioned GCC_3.5.
 set(kep_libgcc "libgcc-s1 (>= 3.0)")
-if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
-    set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+if(KEP_DEB_HOST_ARCH STREQUAL "armhf")
     set(kep_libgcc "libgcc-s1 (>= 3.5)")
 endif()
-set(CPACK_STRIP_FILES ON)
-# Each package's own description below has its summary as first line.
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+
+# kep_control(PACKAGE SECTION DEPENDS DESCRIPTION): the control file of
+# PACKAGE, whose DESCRIPTION has its summary as first line; and that of
+# PACKAGE-dbgsym, as Debian's debhelper makes it.
+function(kep_control package section depends description)
+    string(STRIP "${description}" description)
+    string(REPLACE "\n" "\n " description "${description}")
+    file(WRITE ${kep_control_dir}/${package}.control
+"Package: ${package}
+Source: ${PROJECT_NAME}
+Version: ${PROJECT_VERSION}
+Architecture: ${KEP_DEB_HOST_ARCH}
+Maintainer: ${kep_maintainer}
+Depends: ${depends}
+Section: ${section}
+Priority: optional
+Description: ${description}
+")
+    file(WRITE ${kep_control_dir}/${package}-dbgsym.control
+"Package: ${package}-dbgsym
+Source: ${PROJECT_NAME}
+Version: ${PROJECT_VERSION}
+Auto-Built-Package: debug-symbols
+Architecture: ${KEP_DEB_HOST_ARCH}
+Maintainer: ${kep_maintainer}
+Depends: ${package} (= ${PROJECT_VERSION})
+Section: debug
+Priority: optional
+Description: debug symbols for ${package}
+")
+endfunction()
 
 # Depends: the packages of the shared libraries each program links (its
 # NEEDED entries, as Debian 12 names them); tests/package_test.sh holds them
 # to the programs.
-set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME kepclient)
-set(CPACK_DEBIAN_CLIENT_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), ${kep_libgcc}, libqt5core5a (>= 5.15.1), libqt5dbus5 (>= 5.0.2), libstdc++6 (>= 5)")
-set(CPACK_DEBIAN_CLIENT_DESCRIPTION [[
+kep_control(kepclient net
+    "libc6 (>= 2.34), ${kep_libgcc}, libqt5core5a (>= 5.15.1), libqt5dbus5 (>= 5.0.2), libstdc++6 (>= 5)" [[
 command-line client of the kep network-connection manager
 kepclient talks to kep, the connection manager of the device, on the D-Bus
 system bus: status, modes, soft access point, scans, WPS, wireless networks,
@@ -40,11 +62,8 @@ IP settings and log level, one command per run. It grants itself no access:
 the manager's own package decides who may call it.]])
 
 # kep-sim starts dbus-daemon for its private buses.
-set(CPACK_DEBIAN_SIM_PACKAGE_NAME kep-sim)
-set(CPACK_DEBIAN_SIM_PACKAGE_SECTION devel)
-set(CPACK_DEBIAN_SIM_PACKAGE_DEPENDS
-    "libc6 (>= 2.34), ${kep_libgcc}, libglib2.0-0 (>= 2.39.90), libstdc++6 (>= 5.2), dbus-daemon")
-set(CPACK_DEBIAN_SIM_DESCRIPTION [[
+kep_control(kep-sim devel
+    "libc6 (>= 2.34), ${kep_libgcc}, libglib2.0-0 (>= 2.39.90), libstdc++6 (>= 5.2), dbus-daemon" [[
 simulated kep network-connection manager for trying kepclient
 kep-sim serves the kep interface on a private bus, on a given bus or on the
 system bus, with its state and answers set by a scenario file, and runs a
@@ -52,4 +71,5 @@ command against it. Its system bus policy is installed inert under
 /usr/share/kep-sim; it is meant for development machines, never for a
 device running the real manager.]])
 
-include(CPack)
+# The install component of each package's files.
+file(WRITE ${kep_control_dir}/components "kepclient client\nkep-sim sim\n")

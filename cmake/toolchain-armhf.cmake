@@ -53,12 +53,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # Qt's libraries need theirs (libicu, libpcre2-16, libssl, ...) at link time:
 # let the linker find them in the sysroot. Nothing is recorded in the binary.
-set(_kep_rpath_link
-    "-Wl,-rpath-link,${KEP_ARMHF_SYSROOT}/lib/${KEP_ARMHF_TRIPLET} -Wl,-rpath-link,${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}")
-set(CMAKE_EXE_LINKER_FLAGS_INIT "${_kep_rpath_link}")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_kep_rpath_link}")
-set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_kep_rpath_link}")
-unset(_kep_rpath_link)
+# One option each, so that a blank in the sysroot's path survives.
+add_link_options(
+    "LINKER:-rpath-link,${KEP_ARMHF_SYSROOT}/lib/${KEP_ARMHF_TRIPLET}"
+    "LINKER:-rpath-link,${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}")
 # On the target these are the system library directories: keep CMake from
 # writing the build machine's path to them into the binaries' RUNPATH.
 list(APPEND CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES
@@ -67,9 +65,12 @@ list(APPEND CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES
 list(REMOVE_DUPLICATES CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES)
 
 # pkg-config (GLib for kep-sim) reads the sysroot's .pc files, never the build
-# machine's.
+# machine's, and its paths lead into the sysroot, through a wrapper that
+# keeps a blank in the sysroot's path.
 set(ENV{PKG_CONFIG_LIBDIR} "${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}/pkgconfig:${KEP_ARMHF_SYSROOT}/usr/share/pkgconfig")
-set(ENV{PKG_CONFIG_SYSROOT_DIR} "${KEP_ARMHF_SYSROOT}")
+set(ENV{KEP_ARMHF_SYSROOT} "${KEP_ARMHF_SYSROOT}")
+set(PKG_CONFIG_EXECUTABLE "${CMAKE_CURRENT_LIST_DIR}/pkg-config-armhf.sh" CACHE FILEPATH
+    "pkg-config for the armhf sysroot")
 
 # --- host code generators -------------------------------------------------------------
 # Included at the end of project(), before the project's find_package(Qt5).

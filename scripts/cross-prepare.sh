@@ -74,28 +74,11 @@ if [ "$add_arch" -eq 1 ]; then
     say "adding the $arch architecture to dpkg"
     $sudo dpkg --add-architecture "$arch"
 fi
-# One index update serves both the host packages and the armhf indexes.
+# One index update serves both the host packages and the armhf indexes;
+# install-deps.sh waits for apt's lock if another process holds it.
 if [ ${#missing[@]} -gt 0 ] || [ "$add_arch" -eq 1 ] || ! have_index; then
     say "apt-get update"
-    errf=$(mktemp)
-    if ! $sudo apt-get "${apt_opts[@]}" update >/dev/null 2>"$errf"; then
-        # A single unreachable or out-of-sync index must not stop us; whether
-        # what we need is there is checked right below.
-        say "warning: apt-get update reported errors (continuing):"
-        grep -E '^(E|W):' "$errf" | head -5 >&2 || true
-    fi
-    rm -f "$errf"
-fi
-if [ ${#missing[@]} -gt 0 ]; then
-    say "installing host packages: ${missing[*]}"
-    errf=$(mktemp)
-    if ! $sudo apt-get "${apt_opts[@]}" install -y --no-install-recommends "${missing[@]}" \
-            >"$errf" 2>&1; then
-        cat "$errf" >&2
-        rm -f "$errf"
-        die "apt-get install failed"
-    fi
-    rm -f "$errf"
+    scripts/install-deps.sh --update "${missing[@]}"
 fi
 have_index || die "no $arch package index (apt-get update failed for it?)"
 

@@ -19,7 +19,7 @@ if [ $# -lt 1 ]; then
     exit 2
 fi
 
-repo=$(cd "$(dirname "$0")/.." && pwd)
+repo=$(cd "$(dirname "$(realpath "$0")")/.." && pwd)
 sysroot=${KEP_ARMHF_SYSROOT:-$repo/.cross/sysroot-armhf}
 triplet=arm-linux-gnueabihf
 

@@ -12,7 +12,10 @@ client=$1 sim=$2 policy=$3 failures=0 pids=()
 fail() { echo "systembus test: FAIL: $*" >&2; failures=$((failures + 1)); }
 work=$(mktemp -d)
 trap 'kill "${pids[@]}" 2>/dev/null; wait; rm -rf "$work"' EXIT
-chmod 755 "$work" && mkdir "$work/system.d"
+chmod 755 "$work" && mkdir "$work/system.d" "$work/bin"
+# nobody runs the programs from here: the build tree may lie where nobody cannot enter (a home of mode 0700).
+install -m 755 "$client" "$sim" "$work/bin/"
+client=$work/bin/$(basename "$client") sim=$work/bin/$(basename "$sim")
 sed -e "s|<listen>.*</listen>|<listen>unix:path=$work/bus</listen>|" \
     -e "s|<pidfile>.*</pidfile>|<pidfile>$work/pid</pidfile>|" \
     -e "s|<includedir>.*</includedir>|<includedir>$work/system.d</includedir>|" \

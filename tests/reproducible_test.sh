@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# The release packages are reproducible: builds the packages of this machine's architecture again, with
+# scripts/package.sh in a clone of the same commit at another path, one with a blank, and compares them
+# byte for byte with those in DIR; on a difference diffoscope names it. DIR's packages must come from the
+# commit as it is: when the work tree has changes, they are built from a first clone too.
+#   tests/reproducible_test.sh DIR ARCHITECTURE
+set -euo pipefail
+dir=$(realpath "$1") arch=$2 failures=0
+repo=$(git rev-parse --show-toplevel)
+head=$(git -C "$repo" rev-parse HEAD)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# package CLONE: the commit cloned into CLONE, and its packages built there.
+package() {
+    git clone -q --no-checkout "$repo" "$1"
+    git -C "$1" checkout -q --detach "$head"
+    "$1/scripts/package.sh" "$arch" >/dev/null
+}
+if [ -n "$(git -C "$repo" status --porcelain --untracked-files=no)" ]; then
+    echo "reproducible test: the work tree has changes; the first build is from a clone too"
+    package "$work/first/kepclient"
+    dir=$work/first/kepclient/dist
+fi
+package "$work/with blank/kepclient"
+second=$work/with\ blank/kepclient/dist
+
+diff <(cd "$dir" && ls -- *_"$arch".deb) <(cd "$second" && ls -- *_"$arch".deb) >&2 ||
+    { echo "reproducible test: FAIL: not the same packages (< $dir, > $second)" >&2; exit 1; }
+for deb in "$dir"/*_"$arch".deb; do
+    name=$(basename "$deb")
+    if ! cmp -s "$deb" "$second/$name"; then
+        echo "reproducible test: FAIL: $name differs between the two builds:" >&2
+        failures=$((failures + 1))
+        "$repo/scripts/install-deps.sh" diffoscope-minimal
+        diffoscope --text - "$deb" "$second/$name" | head -n 60 >&2 || true
+    fi
+done
+[ "$failures" -eq 0 ] || exit 1
+echo "reproducible test: $(cd "$dir" && ls -- *_"$arch".deb | wc -l) packages ($arch) built twice at two paths: byte-identical"
