@@ -67,9 +67,10 @@ kep_control(kep-sim devel
 simulated kep network-connection manager for trying kepclient
 kep-sim serves the kep interface on a private bus, on a given bus or on the
 system bus, with its state and answers set by a scenario file, and runs a
-command against it. Its system bus policy is installed inert under
-/usr/share/kep-sim; it is meant for development machines, never for a
-device running the real manager.]])
+command against it. On a device it records a command's dialog with the real
+manager, as the command's own user, for replay elsewhere. Its system bus
+policy is installed inert under /usr/share/kep-sim; enabled, it lets root
+own the manager's name, which is for development machines only.]])
 
 # The install component of each package's files.
 file(WRITE ${kep_control_dir}/components "kepclient client\nkep-sim sim\n")

@@ -18,7 +18,8 @@ import ctypes, glob, os, select, shlex, shutil, subprocess, sys, tempfile, time
 from gi.repository import Gio, GLib
 
 CLIENT = os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT']
-WRAPPER, SIM = os.environ.get('KEPCLIENT_WRAPPER', '').split(), os.environ['KEPSIM']
+WRAPPER = [os.environ['KEPCLIENT_WRAPPER']] if os.environ.get('KEPCLIENT_WRAPPER') else []  # one program's path
+SIM = os.environ['KEPSIM']
 WORK = tempfile.mkdtemp(prefix='kep-cases.')
 SCENARIO, RECORDING = os.path.join(WORK, 'scenario'), os.path.join(WORK, 'recording')
 SPEED, KEP = 60, ('com.calyra.kep', '/com/calyra/kep')
