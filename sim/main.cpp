@@ -6,7 +6,6 @@
 #include "sim/service.h"
 
 #include <cstdio>
-#include <cstring>
 
 namespace {
 
