@@ -11,8 +11,7 @@
 KepClient::KepClient(QStringList arguments)
     : QObject(nullptr)
     , m_arguments(std::move(arguments))
-    , m_kep(new com_calyra_kep(QString::fromLatin1(kep::ServiceName),
-                               QString::fromLatin1(kep::ObjectPath),
+    , m_kep(new com_calyra_kep(QString::fromLatin1(kep::ServiceName), QString::fromLatin1(kep::ObjectPath),
                                QDBusConnection::systemBus(), this))
 {
     // No command work before the event loop runs.

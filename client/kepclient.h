@@ -31,17 +31,17 @@ private:
     enum Result { Done = 0, BadArguments = 1, Waiting = 2 };
     using Handler = int (KepClient::*)(const QStringList &);
 
-    int printUsage(const QStringList &);       // help      client/usage.cpp
-    int showStatus(const QStringList &);       // status    reports/status.cpp
-    int setOffMode(const QStringList &);       // off       commands/mode.cpp
-    int setNormalMode(const QStringList &);    // normal    commands/mode.cpp
-    int softAp(const QStringList &);           // softap    commands/mode.cpp
-    int scan(const QStringList &);             // scan      commands/scan.cpp
-    int wps(const QStringList &);              // wps       commands/wps.cpp
-    int addNetworks(const QStringList &);      // add       commands/add.cpp
-    int wiredIp(const QStringList &);          // wiredip   commands/ipsettings.cpp
-    int wirelessIp(const QStringList &);       // wirelessip commands/ipsettings.cpp
-    int logLevel(const QStringList &);         // loglevel  commands/loglevel.cpp
+    int printUsage(const QStringList &);    // help      client/usage.cpp
+    int showStatus(const QStringList &);    // status    reports/status.cpp
+    int setOffMode(const QStringList &);    // off       commands/mode.cpp
+    int setNormalMode(const QStringList &); // normal    commands/mode.cpp
+    int softAp(const QStringList &);        // softap    commands/mode.cpp
+    int scan(const QStringList &);          // scan      commands/scan.cpp
+    int wps(const QStringList &);           // wps       commands/wps.cpp
+    int addNetworks(const QStringList &);   // add       commands/add.cpp
+    int wiredIp(const QStringList &);       // wiredip   commands/ipsettings.cpp
+    int wirelessIp(const QStringList &);    // wirelessip commands/ipsettings.cpp
+    int logLevel(const QStringList &);      // loglevel  commands/loglevel.cpp
 
     void callService(const QString &method, const QVariantList &arguments = {});
     int callServiceAndFinish(const QString &method, const QVariantList &arguments = {});

@@ -28,8 +28,7 @@ int KepClient::setNormalMode(const QStringList &arguments)
 int KepClient::softAp(const QStringList &arguments)
 {
     if (!arguments.isEmpty()) {
-        const QString interface =
-            arguments.size() == 2 ? arguments.at(1) : DefaultSoftApInterface;
+        const QString interface = arguments.size() == 2 ? arguments.at(1) : DefaultSoftApInterface;
         if (arguments.at(0) == QLatin1String("start"))
             return callServiceAndFinish(QStringLiteral("StartSoftAp"), {interface, QVariantMap()});
         if (arguments.at(0) == QLatin1String("stop"))

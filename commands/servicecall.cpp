@@ -24,10 +24,9 @@ int KepClient::callServiceAndFinish(const QString &method, const QVariantList &a
     callService(method, arguments);
     const QDBusConnection bus = m_kep->connection();
     if (bus.isConnected()) {
-        bus.call(QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"),
-                                                QStringLiteral("/org/freedesktop/DBus"),
-                                                QStringLiteral("org.freedesktop.DBus.Peer"),
-                                                QStringLiteral("Ping")));
+        bus.call(QDBusMessage::createMethodCall(
+            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+            QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping")));
     }
     return Done;
 }

@@ -96,9 +96,11 @@ QString inlineText(const QVariant &value)
     if (type == qMetaTypeId<QDBusVariant>())
         return QLatin1Char('<') + inlineText(value.value<QDBusVariant>().variant()) + QLatin1Char('>');
     if (type == qMetaTypeId<QDBusObjectPath>())
-        return QLatin1String("ObjectPath(") + quoted(value.value<QDBusObjectPath>().path()) + QLatin1Char(')');
+        return QLatin1String("ObjectPath(") + quoted(value.value<QDBusObjectPath>().path())
+            + QLatin1Char(')');
     if (type == qMetaTypeId<QDBusSignature>())
-        return QLatin1String("Signature(") + quoted(value.value<QDBusSignature>().signature()) + QLatin1Char(')');
+        return QLatin1String("Signature(") + quoted(value.value<QDBusSignature>().signature())
+            + QLatin1Char(')');
     if (type == QMetaType::QStringList) {
         QStringList parts;
         for (const QString &s : value.toStringList())

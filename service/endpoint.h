@@ -8,6 +8,6 @@ namespace kep {
 inline constexpr char ServiceName[] = "com.calyra.kep";
 inline constexpr char ObjectPath[] = "/com/calyra/kep";
 inline constexpr char InterfaceName[] = "com.calyra.kep";
-}
+} // namespace kep
 
 #endif

@@ -10,7 +10,8 @@
 int fail(const std::string &message, int status = 1);
 
 // A dbus-daemon of kep-sim's own that anyone may use, for as long as the object lives.
-class PrivateBus {
+class PrivateBus
+{
 public:
     ~PrivateBus();
     bool start(); // false, with the problem said, when it could not

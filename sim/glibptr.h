@@ -19,19 +19,23 @@ struct ObjectUnref {
 template <typename T> using Object = std::unique_ptr<T, ObjectUnref>;
 
 // Takes over a reference, floating (g_variant_new_*) or full.
-inline Variant own(GVariant *value) {
-    if (!value) return nullptr;
+inline Variant own(GVariant *value)
+{
+    if (!value)
+        return nullptr;
     return Variant(g_variant_take_ref(value));
 }
 
 // GVariant text with the type annotations that make it read back as the same type.
-inline std::string text(GVariant *value) {
+inline std::string text(GVariant *value)
+{
     g_autofree char *printed = g_variant_print(value, TRUE);
     return printed;
 }
 
 // A string in GVariant text: quoted, with its escapes.
-inline std::string quoted(const std::string &value) {
+inline std::string quoted(const std::string &value)
+{
     return text(own(g_variant_new_string(value.c_str())).get());
 }
 

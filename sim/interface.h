@@ -9,7 +9,8 @@ GDBusInterfaceInfo *kepInterface();
 GDBusInterfaceInfo *simInterface();
 inline constexpr char SimInterfaceName[] = "com.calyra.kep.Sim";
 
-inline GDBusPropertyInfo *kepProperty(const char *name) {
+inline GDBusPropertyInfo *kepProperty(const char *name)
+{
     return g_dbus_interface_info_lookup_property(kepInterface(), name);
 }
 

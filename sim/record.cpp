@@ -5,59 +5,77 @@
 namespace {
 
 // The interface as a step names it: empty for the service's own.
-std::string stepInterface(const char *interface) {
-    if (!interface || g_str_equal(interface, kep::InterfaceName)) return "";
+std::string stepInterface(const char *interface)
+{
+    if (!interface || g_str_equal(interface, kep::InterfaceName))
+        return "";
     return interface;
 }
 
 // A message's arguments as a tuple, () when it has none.
-Variant argsOf(GDBusMessage *message) {
+Variant argsOf(GDBusMessage *message)
+{
     GVariant *body = g_dbus_message_get_body(message);
-    if (!body) return own(g_variant_new("()"));
+    if (!body)
+        return own(g_variant_new("()"));
     return own(g_variant_ref(body));
 }
 
-std::string stepText(const Step &step) {
+std::string stepText(const Step &step)
+{
     std::string line = "{'after-ms': <" + std::to_string(step.afterMs) + ">, ";
-    if (step.isCall) line += "'call': <" + quoted(step.member) + ">";
-    else line += "'signal': <" + quoted(step.member) + ">";
-    if (!step.interface.empty()) line += ", 'interface': <" + quoted(step.interface) + ">";
+    if (step.isCall)
+        line += "'call': <" + quoted(step.member) + ">";
+    else
+        line += "'signal': <" + quoted(step.member) + ">";
+    if (!step.interface.empty())
+        line += ", 'interface': <" + quoted(step.interface) + ">";
     line += ", 'args': <" + text(step.args.get()) + ">";
-    if (step.answered()) line += ", 'reply-ms': <" + std::to_string(step.replyMs) + ">";
-    if (step.reply) line += ", 'reply': <" + text(step.reply.get()) + ">";
-    if (!step.error.empty()) line += ", 'error': <" + quoted(step.error) + ">, 'message': <" + quoted(step.message) + ">";
+    if (step.answered())
+        line += ", 'reply-ms': <" + std::to_string(step.replyMs) + ">";
+    if (step.reply)
+        line += ", 'reply': <" + text(step.reply.get()) + ">";
+    if (!step.error.empty())
+        line += ", 'error': <" + quoted(step.error) + ">, 'message': <" + quoted(step.message) + ">";
     return line + "}";
 }
 
 } // namespace
 
-std::string dialogText(const Dialog &dialog) {
-    if (dialog.empty()) return "@aa{sv} []";
+std::string dialogText(const Dialog &dialog)
+{
+    if (dialog.empty())
+        return "@aa{sv} []";
     std::string out = "[";
     for (size_t i = 0; i < dialog.size(); ++i) {
-        if (i > 0) out += ",";
+        if (i > 0)
+            out += ",";
         out += "\n    " + stepText(dialog[i]);
     }
     return out + "\n  ]";
 }
 
-Recorder::~Recorder() {
+Recorder::~Recorder()
+{
     g_dbus_connection_remove_filter(m_program, m_filter);
     g_dbus_connection_signal_unsubscribe(m_service, m_signals);
     g_dbus_connection_signal_unsubscribe(m_program, m_departures);
 }
 
-void Recorder::start() {
+void Recorder::start()
+{
     m_lastStep = g_get_monotonic_time();
     m_filter = g_dbus_connection_add_filter(m_program, filter, this, nullptr);
-    m_signals = g_dbus_connection_signal_subscribe(m_service, kep::ServiceName, nullptr, nullptr, kep::ObjectPath,
-                                                   nullptr, G_DBUS_SIGNAL_FLAGS_NONE, signalled, this, nullptr);
+    m_signals
+        = g_dbus_connection_signal_subscribe(m_service, kep::ServiceName, nullptr, nullptr, kep::ObjectPath,
+                                             nullptr, G_DBUS_SIGNAL_FLAGS_NONE, signalled, this, nullptr);
     m_departures = g_dbus_connection_signal_subscribe(
-        m_program, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", "/org/freedesktop/DBus",
-        nullptr, G_DBUS_SIGNAL_FLAGS_NONE, departed, this, nullptr);
+        m_program, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
+        "/org/freedesktop/DBus", nullptr, G_DBUS_SIGNAL_FLAGS_NONE, departed, this, nullptr);
 }
 
-guint Recorder::millisecondsSinceLastStep(gint64 now) {
+guint Recorder::millisecondsSinceLastStep(gint64 now)
+{
     const gint64 microseconds = now - m_lastStep;
     m_lastStep = now;
     return guint((microseconds + 500) / 1000);
@@ -65,14 +83,17 @@ guint Recorder::millisecondsSinceLastStep(gint64 now) {
 
 // On GDBus's own thread: every call the program makes is taken over and passed on from the main loop, in
 // its turn with the service's signals and answers, which GDBus hands over at the default priority too.
-GDBusMessage *Recorder::filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self) {
-    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) return message;
-    auto *call = new Call{static_cast<Recorder *>(self), Object<GDBusMessage>(message), NotRecorded, 0};
+GDBusMessage *Recorder::filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self)
+{
+    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
+        return message;
+    auto *call = new Call {static_cast<Recorder *>(self), Object<GDBusMessage>(message), NotRecorded, 0};
     g_idle_add_full(G_PRIORITY_DEFAULT, passOn, call, nullptr);
     return nullptr;
 }
 
-gboolean Recorder::passOn(gpointer data) {
+gboolean Recorder::passOn(gpointer data)
+{
     std::unique_ptr<Call> owned(static_cast<Call *>(data));
     Call &call = *owned;
     Recorder &self = *call.recorder;
@@ -91,35 +112,43 @@ gboolean Recorder::passOn(gpointer data) {
         self.m_dialog.push_back(std::move(step));
     }
     Object<GDBusMessage> onward(g_dbus_message_new_method_call(kep::ServiceName, path, interface, member));
-    if (GVariant *body = g_dbus_message_get_body(message)) g_dbus_message_set_body(onward.get(), body);
+    if (GVariant *body = g_dbus_message_get_body(message))
+        g_dbus_message_set_body(onward.get(), body);
     // No timeout of kep-sim's own: the program's decides how long an answer is waited for.
-    g_dbus_connection_send_message_with_reply(self.m_service, onward.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, G_MAXINT,
-                                              nullptr, nullptr, answered, &call);
+    g_dbus_connection_send_message_with_reply(self.m_service, onward.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
+                                              G_MAXINT, nullptr, nullptr, answered, &call);
     self.m_calls.push_back(std::move(owned));
     return G_SOURCE_REMOVE;
 }
 
-void Recorder::answered(GObject *service, GAsyncResult *result, gpointer data) {
+void Recorder::answered(GObject *service, GAsyncResult *result, gpointer data)
+{
     auto &call = *static_cast<Call *>(data);
-    g_autoptr(GDBusMessage) answer =
-        g_dbus_connection_send_message_with_reply_finish(G_DBUS_CONNECTION(service), result, nullptr);
-    if (answer) call.recorder->answer(call, answer); // else the service's bus is gone: no answer came
+    g_autoptr(GDBusMessage) answer
+        = g_dbus_connection_send_message_with_reply_finish(G_DBUS_CONNECTION(service), result, nullptr);
+    if (answer)
+        call.recorder->answer(call, answer); // else the service's bus is gone: no answer came
 }
 
-void Recorder::answer(Call &call, GDBusMessage *answer) {
+void Recorder::answer(Call &call, GDBusMessage *answer)
+{
     GDBusMessage *message = call.message.get();
     const bool failed = g_dbus_message_get_message_type(answer) == G_DBUS_MESSAGE_TYPE_ERROR;
-    const char *errorName = g_dbus_message_get_error_name(answer), *errorText = g_dbus_message_get_arg0(answer);
-    if (!errorText) errorText = "";
+    const char *errorName = g_dbus_message_get_error_name(answer),
+               *errorText = g_dbus_message_get_arg0(answer);
+    if (!errorText)
+        errorText = "";
     Object<GDBusMessage> back;
     if (failed) {
         back.reset(g_dbus_message_new_method_error_literal(message, errorName, errorText));
     } else {
         back.reset(g_dbus_message_new_method_reply(message));
-        if (GVariant *body = g_dbus_message_get_body(answer)) g_dbus_message_set_body(back.get(), body);
+        if (GVariant *body = g_dbus_message_get_body(answer))
+            g_dbus_message_set_body(back.get(), body);
     }
     g_dbus_connection_send_message(m_program, back.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-    if (call.step == NotRecorded || m_gone.count(g_dbus_message_get_sender(message)) > 0) return;
+    if (call.step == NotRecorded || m_gone.count(g_dbus_message_get_sender(message)) > 0)
+        return;
     Step &step = m_dialog[call.step];
     step.replyMs = guint((g_get_monotonic_time() - call.received + 500) / 1000);
     if (failed) {
@@ -131,7 +160,8 @@ void Recorder::answer(Call &call, GDBusMessage *answer) {
 }
 
 void Recorder::signalled(GDBusConnection *, const char *, const char *path, const char *interface,
-                         const char *signal, GVariant *args, gpointer self) {
+                         const char *signal, GVariant *args, gpointer self)
+{
     auto &recorder = *static_cast<Recorder *>(self);
     g_dbus_connection_emit_signal(recorder.m_program, nullptr, path, interface, signal, args, nullptr);
     Step step;
@@ -142,9 +172,11 @@ void Recorder::signalled(GDBusConnection *, const char *, const char *path, cons
     recorder.m_dialog.push_back(std::move(step));
 }
 
-void Recorder::departed(GDBusConnection *, const char *, const char *, const char *, const char *, GVariant *args,
-                        gpointer self) {
+void Recorder::departed(GDBusConnection *, const char *, const char *, const char *, const char *,
+                        GVariant *args, gpointer self)
+{
     const char *name = "", *newOwner = "";
     g_variant_get(args, "(&s&s&s)", &name, nullptr, &newOwner);
-    if (*newOwner == '\0') static_cast<Recorder *>(self)->m_gone.insert(name);
+    if (*newOwner == '\0')
+        static_cast<Recorder *>(self)->m_gone.insert(name);
 }

@@ -12,9 +12,13 @@
 // owns the service's name: every call it makes there is passed on to the service on the service's bus and
 // the answer passed back, and the service's signals are sent on. On the service's bus kep-sim is one more
 // client, needing no rights beyond the program's own.
-class Recorder {
+class Recorder
+{
 public:
-    Recorder(GDBusConnection *service, GDBusConnection *program) : m_service(service), m_program(program) {}
+    Recorder(GDBusConnection *service, GDBusConnection *program)
+        : m_service(service)
+        , m_program(program)
+    { }
     ~Recorder();
     void start(); // before the program starts
     const Dialog &dialog() const { return m_dialog; }

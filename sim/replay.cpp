@@ -12,43 +12,54 @@
 namespace {
 
 // The first call from `from` on; the dialog's end when there is none.
-size_t nextCall(const Dialog &dialog, size_t from) {
-    while (from < dialog.size() && !dialog[from].isCall) from += 1;
+size_t nextCall(const Dialog &dialog, size_t from)
+{
+    while (from < dialog.size() && !dialog[from].isCall)
+        from += 1;
     return from;
 }
 
-std::string interfaceOf(const Step &step) {
-    if (step.interface.empty()) return kep::InterfaceName;
+std::string interfaceOf(const Step &step)
+{
+    if (step.interface.empty())
+        return kep::InterfaceName;
     return step.interface;
 }
 
-std::string argsOf(const Step &step) {
-    if (!step.args) return "()";
+std::string argsOf(const Step &step)
+{
+    if (!step.args)
+        return "()";
     return text(step.args.get());
 }
 
-std::string argsOf(GDBusMessage *call) {
+std::string argsOf(GDBusMessage *call)
+{
     GVariant *body = g_dbus_message_get_body(call);
-    if (!body) return "()";
+    if (!body)
+        return "()";
     return text(body);
 }
 
 } // namespace
 
-void Service::startReplay() {
+void Service::startReplay()
+{
     const std::lock_guard<std::mutex> hold(m_replayLock);
     m_nextCall = nextCall(m_state.dialog, 0);
     play(0);
 }
 
-bool Service::replayed(GDBusMessage *call) {
+bool Service::replayed(GDBusMessage *call)
+{
     const std::lock_guard<std::mutex> hold(m_replayLock);
     const Dialog &dialog = m_state.dialog;
-    if (m_nextCall >= dialog.size()) return false;
+    if (m_nextCall >= dialog.size())
+        return false;
     const Step &expected = dialog[m_nextCall];
     const std::string member = g_dbus_message_get_member(call), args = argsOf(call);
     const bool same = g_strcmp0(g_dbus_message_get_interface(call), interfaceOf(expected).c_str()) == 0
-                      && member == expected.member && args == argsOf(expected);
+        && member == expected.member && args == argsOf(expected);
     if (!same) {
         std::fprintf(stderr, "kep-sim: the recording expects %s %s, got %s %s\n", expected.member.c_str(),
                      argsOf(expected).c_str(), member.c_str(), args.c_str());
@@ -61,7 +72,8 @@ bool Service::replayed(GDBusMessage *call) {
     return true;
 }
 
-void Service::answer(const Step &step, GDBusMessage *call) {
+void Service::answer(const Step &step, GDBusMessage *call)
+{
     if (!step.answered()) { // the caller waits for its own timeout
         m_unansweredReplays.emplace_back(G_DBUS_MESSAGE(g_object_ref(call)));
         return;
@@ -79,7 +91,8 @@ void Service::answer(const Step &step, GDBusMessage *call) {
     });
 }
 
-void Service::play(size_t from) {
+void Service::play(size_t from)
+{
     const Dialog &dialog = m_state.dialog;
     guint delay = 0;
     for (size_t at = from; at < dialog.size() && !dialog[at].isCall; ++at) {
@@ -87,7 +100,8 @@ void Service::play(size_t from) {
         delay += step.afterMs;
         later(delay, [this, &step] {
             GVariant *args = step.args.get();
-            if (!args) args = g_variant_new("()");
+            if (!args)
+                args = g_variant_new("()");
             g_dbus_connection_emit_signal(m_bus, nullptr, kep::ObjectPath, interfaceOf(step).c_str(),
                                           step.member.c_str(), args, nullptr);
         });

@@ -11,13 +11,14 @@
 // What the simulated service holds and how it answers.
 struct Scenario {
     std::map<std::string, Variant> properties; // Details only when given: otherwise made from the state
-    bool silent = false;                        // no signal of the service's own
+    bool silent = false;                       // no signal of the service's own
     guint scanDelayMs = 0;
     guint wpsScanPasses = 0, wpsStepMs = 0; // WPS: ScanResults signals, then the outcome, a step apart
     Variant scanResults, wpsCredentials;
     std::string wpsError; // not empty: the run ends with WpsError
-    std::map<std::string, std::pair<std::string, std::string>> readFaults; // property: error name, message (empty: no answer)
-    Dialog dialog; // a recorded dialog, played before the service answers for itself
+    std::map<std::string, std::pair<std::string, std::string>>
+        readFaults; // property: error name, message (empty: no answer)
+    Dialog dialog;  // a recorded dialog, played before the service answers for itself
 };
 
 // The built-in scenario, then the file at `path` (if any) over it. On a

@@ -16,19 +16,27 @@ void later(guint ms, std::function<void()> action);
 // GDBus checks calls against the interface file and refuses the wrong ones
 // itself; a filter on the connection sees every call first, lists it, and
 // answers it itself when it is the next call of a recorded dialog.
-class Service {
+class Service
+{
 public:
-    Service(Scenario scenario, bool trace) : m_state(std::move(scenario)), m_trace(trace) {}
+    Service(Scenario scenario, bool trace)
+        : m_state(std::move(scenario))
+        , m_trace(trace)
+    { }
     bool serve(GDBusConnection *bus, GError **error);
     void startReplay(); // plays the signals that come before the dialog's first call
 
 private:
-    struct Call { std::string member, signature, body; bool refused; };
+    struct Call {
+        std::string member, signature, body;
+        bool refused;
+    };
     static void dispatch(GDBusConnection *, const char *sender, const char *path, const char *interface,
                          const char *method, GVariant *args, GDBusMethodInvocation *call, gpointer self);
     static GDBusMessage *filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self);
     void properties(std::string_view method, GVariant *args, GDBusMethodInvocation *call);
     void control(std::string_view method, GVariant *args, GDBusMethodInvocation *call);
+    void emitAll(GVariant *burst, GDBusMethodInvocation *call);
     void emit(const char *signal, GVariant *args);
 
     // The service's behaviour (behaviour.cpp).

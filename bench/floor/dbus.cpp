@@ -14,8 +14,10 @@
 
 namespace {
 struct Proxy : QDBusAbstractInterface {
-    Proxy() : QDBusAbstractInterface(QStringLiteral("com.calyra.kep"), QStringLiteral("/com/calyra/kep"),
-                                     "com.calyra.kep", QDBusConnection::systemBus(), nullptr) {}
+    Proxy()
+        : QDBusAbstractInterface(QStringLiteral("com.calyra.kep"), QStringLiteral("/com/calyra/kep"),
+                                 "com.calyra.kep", QDBusConnection::systemBus(), nullptr)
+    { }
 };
 } // namespace
 
