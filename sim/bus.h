@@ -1,13 +1,13 @@
 #ifndef KEP_SIM_BUS_H
 #define KEP_SIM_BUS_H
 
+// The buses kep-sim works on and the main loop it runs: a dbus-daemon of its own, connections, the
+// service's name, COMMAND under the loop, and actions run later on the loop.
 #include "sim/glibptr.h"
 
+#include <functional>
 #include <string>
 #include <vector>
-
-// Says "kep-sim: MESSAGE" on standard error and gives back `status`.
-int fail(const std::string &message, int status = 1);
 
 // A dbus-daemon of kep-sim's own that anyone may use, for as long as the object lives.
 class PrivateBus
@@ -18,7 +18,7 @@ public:
     const std::string &address() const { return m_address; }
 
 private:
-    GPid m_pid = 0;
+    GPid m_daemonPid = 0;
     std::string m_address;
 };
 
@@ -28,13 +28,19 @@ GDBusConnection *connectTo(const std::string &address);
 // The address of the system bus, as libdbus and GDBus find it.
 std::string systemBusAddress();
 
-// Takes the service's name on `bus`; false, with the problem said, when it cannot.
+// Takes the service's name on `bus`; false, with the problem said, when it cannot. On the system bus a
+// refusal also names the policy that would allow it.
 bool ownName(GDBusConnection *bus, bool system);
 
+// A program to run under the main loop: its argument vector, null-terminated; empty for none.
+using CommandLine = std::vector<char *>;
+
 // Runs the main loop until SIGINT, SIGTERM or SIGHUP or until the connection `served` closes, or with a
-// command (a null-terminated argument vector) until that command ends, the system bus for it being the
-// one at `address`. Gives back the command's exit status, 130 if it was stopped by a signal to kep-sim,
-// and 0 without a command.
-int runLoop(GDBusConnection *served, const std::vector<char *> &command, const std::string &address);
+// command until that command ends, the system bus for it being the one at `address`. Gives back the
+// command's exit status, 130 if it was stopped by a signal to kep-sim, and 0 without a command.
+int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address);
+
+// Runs `action` on the main loop after `ms` milliseconds; may be called from any thread.
+void later(guint ms, std::function<void()> action);
 
 #endif

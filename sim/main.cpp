@@ -1,7 +1,9 @@
-// kep-sim: the connection manager, simulated, for trying kepclient and
-// scripting around it without the device.
+// kep-sim: the connection manager, simulated, for trying kepclient and scripting around it without the
+// device. This file reads the command line and runs the command word it names.
 #include "service/endpoint.h"
 #include "sim/bus.h"
+#include "sim/capture.h"
+#include "sim/message.h"
 #include "sim/record.h"
 #include "sim/service.h"
 
@@ -19,10 +21,18 @@ DBUS_SYSTEM_BUS_ADDRESS=... once up. --trace: calls and signals on stderr. captu
 state as a scenario. record: COMMAND's dialog with the service as a scenario. See kep-sim(1).
 )";
 
+// Exit statuses of kep-sim's own: a bus failure is 1.
+constexpr int UsageStatus = 2;
+constexpr int BusFailureStatus = 1;
+
 struct Options {
-    std::string word, scenario, address, output;
-    bool system = false, trace = false;
-    std::vector<char *> command; // run and record: the command line, null-terminated
+    std::string word; // run, serve, check, capture, record or --help
+    std::string scenario;
+    std::string address;
+    std::string output;
+    bool system = false;
+    bool trace = false;
+    CommandLine command; // run and record
 };
 
 bool isWord(const std::string &arg)
@@ -31,126 +41,130 @@ bool isWord(const std::string &arg)
         || arg == "--help";
 }
 
-bool parse(int argc, char **argv, Options &o)
+// The options, then the word, then for run and record the command, with more options allowed before it.
+bool parse(int argc, char **argv, Options &options)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool valueFollows = i + 1 < argc;
-        if (arg == "--scenario" && valueFollows)
-            o.scenario = argv[++i];
-        else if (arg == "--address" && valueFollows)
-            o.address = argv[++i];
-        else if (arg == "--output" && valueFollows)
-            o.output = argv[++i];
-        else if (arg == "--system")
-            o.system = true;
-        else if (arg == "--trace")
-            o.trace = true;
-        else if (o.word.empty() && isWord(arg))
-            o.word = arg;
-        else if (o.word == "run" || o.word == "record") { // the rest is the command
+    for (int index = 1; index < argc; ++index) {
+        const std::string arg = argv[index];
+        const bool valueFollows = index + 1 < argc;
+        if (arg == "--scenario" && valueFollows) {
+            index += 1;
+            options.scenario = argv[index];
+        } else if (arg == "--address" && valueFollows) {
+            index += 1;
+            options.address = argv[index];
+        } else if (arg == "--output" && valueFollows) {
+            index += 1;
+            options.output = argv[index];
+        } else if (arg == "--system") {
+            options.system = true;
+        } else if (arg == "--trace") {
+            options.trace = true;
+        } else if (options.word.empty() && isWord(arg)) {
+            options.word = arg;
+        } else if (options.word == "run" || options.word == "record") { // the rest is the command
             if (arg == "--")
-                i += 1;
-            o.command.assign(argv + i, argv + argc + 1); // argv ends with a null pointer
+                index += 1;
+            options.command.assign(argv + index, argv + argc + 1); // argv ends with a null pointer
             break;
-        } else
+        } else {
             return false;
+        }
     }
-    const bool busGiven = o.system || !o.address.empty();
-    if (o.word.empty() && busGiven)
-        o.word = "serve";
-    const bool takesBus = o.word == "serve" || o.word == "capture" || o.word == "record";
-    const bool takesCommand = o.word == "run" || o.word == "record";
-    if (o.word.empty() || (o.system && !o.address.empty()) || (busGiven && !takesBus))
+    const bool busGiven = options.system || !options.address.empty();
+    if (options.word.empty() && busGiven)
+        options.word = "serve";
+    const bool takesBus = options.word == "serve" || options.word == "capture" || options.word == "record";
+    const bool takesCommand = options.word == "run" || options.word == "record";
+    const bool takesOutput = options.word == "record";
+    if (options.word.empty() || (options.system && !options.address.empty()) || (busGiven && !takesBus))
         return false;
-    if (takesCommand && o.command.size() < 2)
+    if (takesCommand && options.command.size() < 2)
         return false;
-    return o.output.empty() == (o.word != "record");
+    return options.output.empty() != takesOutput;
 }
 
 // The bus a service is looked for on: the one given, else the system bus.
-std::string serviceBus(const Options &o)
+std::string serviceBus(const Options &options)
 {
-    if (!o.address.empty())
-        return o.address;
+    if (!options.address.empty())
+        return options.address;
     return systemBusAddress();
 }
 
-int serve(const Options &o, Scenario scenario)
+int serve(const Options &options, Scenario scenario)
 {
     PrivateBus privateBus;
     std::string address;
-    if (o.system || !o.address.empty())
-        address = serviceBus(o);
+    if (options.system || !options.address.empty())
+        address = serviceBus(options);
     else if (privateBus.start())
         address = privateBus.address();
     else
-        return 1;
+        return BusFailureStatus;
     g_autoptr(GDBusConnection) bus = connectTo(address);
-    g_autoptr(GError) e = nullptr;
-    Service service(std::move(scenario), o.trace);
     if (!bus)
-        return 1;
-    if (!service.serve(bus, &e))
-        return fail(std::string("cannot serve ") + kep::ObjectPath + ": " + e->message);
+        return BusFailureStatus;
+    g_autoptr(GError) error = nullptr;
+    Service service(std::move(scenario), options.trace);
+    if (!service.serve(bus, &error))
+        return fail(std::string("cannot serve ") + kep::ObjectPath + ": " + error->message);
     service.startReplay(); // its signals go once the loop runs
-    if (!ownName(bus, o.system))
-        return 1;
-    if (o.word != "run") {
+    if (!ownName(bus, options.system))
+        return BusFailureStatus;
+    const bool running = options.word == "run";
+    if (!running) {
         std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
         std::fflush(stdout);
     }
-    const int status = runLoop(bus, o.command, address);
+    const int commandStatus = runLoop(bus, options.command, address);
     g_dbus_connection_close_sync(bus, nullptr, nullptr);
-    if (o.word != "run")
+    if (!running)
         return 0;
-    return status;
+    return commandStatus;
 }
 
 // COMMAND's dialog with the service, and the state of the service once COMMAND has ended (what the
 // simulated service goes on from once the dialog is played), as one scenario in --output.
-int record(const Options &o)
+int record(const Options &options)
 {
-    g_autoptr(GError) e = nullptr;
-    if (!g_file_set_contents(o.output.c_str(), "", 0, &e))
-        return fail(e->message);
+    g_autoptr(GError) error = nullptr;
+    if (!g_file_set_contents(options.output.c_str(), "", 0, &error))
+        return fail(error->message);
     PrivateBus privateBus;
     if (!privateBus.start())
-        return 1;
-    g_autoptr(GDBusConnection) service = connectTo(serviceBus(o));
+        return BusFailureStatus;
+    g_autoptr(GDBusConnection) service = connectTo(serviceBus(options));
     g_autoptr(GDBusConnection) program = connectTo(privateBus.address());
     if (!service || !program)
-        return 1;
+        return BusFailureStatus;
     Recorder recorder(service, program);
     recorder.start();
     if (!ownName(program, false))
-        return 1;
-    const int status = runLoop(program, o.command, privateBus.address());
+        return BusFailureStatus;
+    const int commandStatus = runLoop(program, options.command, privateBus.address());
     // The dialog has what the service refused to read, so those are left out without a word.
-    std::string scenario, leftOut;
-    captureProperties(service, scenario, leftOut);
-    if (!scenario.empty())
-        scenario += ",\n";
-    scenario = "{\n" + scenario + "  'dialog': <" + dialogText(recorder.dialog()) + ">\n}\n";
-    if (!g_file_set_contents(o.output.c_str(), scenario.c_str(), -1, &e))
-        return fail(e->message);
-    return status;
+    std::vector<Entry> properties;
+    std::string leftOut;
+    captureProperties(service, properties, leftOut);
+    const std::string recording = scenarioText(properties, recorder.dialog());
+    if (!g_file_set_contents(options.output.c_str(), recording.c_str(), -1, &error))
+        return fail(error->message);
+    return commandStatus;
 }
 
-int capture(const Options &o)
+int capture(const Options &options)
 {
-    g_autoptr(GDBusConnection) bus = connectTo(serviceBus(o));
+    g_autoptr(GDBusConnection) bus = connectTo(serviceBus(options));
     if (!bus)
-        return 1;
-    std::string entries, leftOut;
-    const bool complete = captureProperties(bus, entries, leftOut);
+        return BusFailureStatus;
+    std::vector<Entry> properties;
+    std::string leftOut;
+    const bool complete = captureProperties(bus, properties, leftOut);
     std::fputs(leftOut.c_str(), stderr);
-    if (entries.empty())
-        std::puts("{}");
-    else
-        std::printf("{\n%s\n}\n", entries.c_str());
+    std::fputs(scenarioText(properties).c_str(), stdout);
     if (!complete)
-        return 1;
+        return BusFailureStatus;
     return 0;
 }
 
@@ -158,24 +172,24 @@ int capture(const Options &o)
 
 int main(int argc, char **argv)
 {
-    Options o;
-    if (!parse(argc, argv, o))
-        return fail("expected run, serve, check, capture or record; see kep-sim --help", 2);
-    if (o.word == "--help") {
+    Options options;
+    if (!parse(argc, argv, options))
+        return fail("expected run, serve, check, capture or record; see kep-sim --help", UsageStatus);
+    if (options.word == "--help") {
         std::fputs(Usage, stdout);
         return 0;
     }
-    if (o.word == "capture")
-        return capture(o);
-    if (o.word == "record")
-        return record(o);
+    if (options.word == "capture")
+        return capture(options);
+    if (options.word == "record")
+        return record(options);
     Scenario scenario;
     std::string message;
-    if (!loadScenario(o.scenario, scenario, message)) {
+    if (!loadScenario(options.scenario, scenario, message)) {
         std::fprintf(stderr, "%s\n", message.c_str());
-        return 2;
+        return UsageStatus;
     }
-    if (o.word == "check")
+    if (options.word == "check")
         return 0;
-    return serve(o, std::move(scenario));
+    return serve(options, std::move(scenario));
 }

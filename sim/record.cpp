@@ -1,59 +1,19 @@
 #include "sim/record.h"
 
 #include "service/endpoint.h"
+#include "sim/message.h"
 
 namespace {
 
-// The interface as a step names it: empty for the service's own.
-std::string stepInterface(const char *interface)
-{
-    if (!interface || g_str_equal(interface, kep::InterfaceName))
-        return "";
-    return interface;
-}
+constexpr gint64 MicrosecondsPerMillisecond = 1000;
 
-// A message's arguments as a tuple, () when it has none.
-Variant argsOf(GDBusMessage *message)
+// Microseconds as whole milliseconds, rounded to the nearest.
+guint roundedMilliseconds(gint64 microseconds)
 {
-    GVariant *body = g_dbus_message_get_body(message);
-    if (!body)
-        return own(g_variant_new("()"));
-    return own(g_variant_ref(body));
-}
-
-std::string stepText(const Step &step)
-{
-    std::string line = "{'after-ms': <" + std::to_string(step.afterMs) + ">, ";
-    if (step.isCall)
-        line += "'call': <" + quoted(step.member) + ">";
-    else
-        line += "'signal': <" + quoted(step.member) + ">";
-    if (!step.interface.empty())
-        line += ", 'interface': <" + quoted(step.interface) + ">";
-    line += ", 'args': <" + text(step.args.get()) + ">";
-    if (step.answered())
-        line += ", 'reply-ms': <" + std::to_string(step.replyMs) + ">";
-    if (step.reply)
-        line += ", 'reply': <" + text(step.reply.get()) + ">";
-    if (!step.error.empty())
-        line += ", 'error': <" + quoted(step.error) + ">, 'message': <" + quoted(step.message) + ">";
-    return line + "}";
+    return guint((microseconds + MicrosecondsPerMillisecond / 2) / MicrosecondsPerMillisecond);
 }
 
 } // namespace
-
-std::string dialogText(const Dialog &dialog)
-{
-    if (dialog.empty())
-        return "@aa{sv} []";
-    std::string out = "[";
-    for (size_t i = 0; i < dialog.size(); ++i) {
-        if (i > 0)
-            out += ",";
-        out += "\n    " + stepText(dialog[i]);
-    }
-    return out + "\n  ]";
-}
 
 Recorder::~Recorder()
 {
@@ -78,14 +38,15 @@ guint Recorder::millisecondsSinceLastStep(gint64 now)
 {
     const gint64 microseconds = now - m_lastStep;
     m_lastStep = now;
-    return guint((microseconds + 500) / 1000);
+    return roundedMilliseconds(microseconds);
 }
 
 // On GDBus's own thread: every call the program makes is taken over and passed on from the main loop, in
 // its turn with the service's signals and answers, which GDBus hands over at the default priority too.
 GDBusMessage *Recorder::filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer self)
 {
-    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
+    const bool isCall = g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL;
+    if (!incoming || !isCall)
         return message;
     auto *call = new Call {static_cast<Recorder *>(self), Object<GDBusMessage>(message), NotRecorded, 0};
     g_idle_add_full(G_PRIORITY_DEFAULT, passOn, call, nullptr);
@@ -96,9 +57,10 @@ gboolean Recorder::passOn(gpointer data)
 {
     std::unique_ptr<Call> owned(static_cast<Call *>(data));
     Call &call = *owned;
-    Recorder &self = *call.recorder;
+    Recorder &recorder = *call.recorder;
     GDBusMessage *message = call.message.get();
-    const char *path = g_dbus_message_get_path(message), *interface = g_dbus_message_get_interface(message);
+    const char *path = g_dbus_message_get_path(message);
+    const char *interface = g_dbus_message_get_interface(message);
     const char *member = g_dbus_message_get_member(message);
     call.received = g_get_monotonic_time();
     if (g_strcmp0(path, kep::ObjectPath) == 0) { // the service's object: the rest is passed on unrecorded
@@ -106,18 +68,20 @@ gboolean Recorder::passOn(gpointer data)
         step.isCall = true;
         step.member = member;
         step.interface = stepInterface(interface);
-        step.args = argsOf(message);
-        step.afterMs = self.millisecondsSinceLastStep(call.received);
-        call.step = self.m_dialog.size();
-        self.m_dialog.push_back(std::move(step));
+        step.args = bodyOf(message);
+        step.afterMs = recorder.millisecondsSinceLastStep(call.received);
+        call.step = recorder.m_dialog.size();
+        recorder.m_dialog.push_back(std::move(step));
     }
     Object<GDBusMessage> onward(g_dbus_message_new_method_call(kep::ServiceName, path, interface, member));
-    if (GVariant *body = g_dbus_message_get_body(message))
+    GVariant *body = g_dbus_message_get_body(message);
+    if (body)
         g_dbus_message_set_body(onward.get(), body);
     // No timeout of kep-sim's own: the program's decides how long an answer is waited for.
-    g_dbus_connection_send_message_with_reply(self.m_service, onward.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE,
-                                              G_MAXINT, nullptr, nullptr, answered, &call);
-    self.m_calls.push_back(std::move(owned));
+    g_dbus_connection_send_message_with_reply(recorder.m_service, onward.get(),
+                                              G_DBUS_SEND_MESSAGE_FLAGS_NONE, G_MAXINT, nullptr, nullptr,
+                                              answered, &call);
+    recorder.m_calls.push_back(std::move(owned));
     return G_SOURCE_REMOVE;
 }
 
@@ -127,15 +91,15 @@ void Recorder::answered(GObject *service, GAsyncResult *result, gpointer data)
     g_autoptr(GDBusMessage) answer
         = g_dbus_connection_send_message_with_reply_finish(G_DBUS_CONNECTION(service), result, nullptr);
     if (answer)
-        call.recorder->answer(call, answer); // else the service's bus is gone: no answer came
+        call.recorder->passBack(call, answer); // else the service's bus is gone: no answer came
 }
 
-void Recorder::answer(Call &call, GDBusMessage *answer)
+void Recorder::passBack(Call &call, GDBusMessage *answer)
 {
     GDBusMessage *message = call.message.get();
     const bool failed = g_dbus_message_get_message_type(answer) == G_DBUS_MESSAGE_TYPE_ERROR;
-    const char *errorName = g_dbus_message_get_error_name(answer),
-               *errorText = g_dbus_message_get_arg0(answer);
+    const char *errorName = g_dbus_message_get_error_name(answer);
+    const char *errorText = g_dbus_message_get_arg0(answer);
     if (!errorText)
         errorText = "";
     Object<GDBusMessage> back;
@@ -143,19 +107,20 @@ void Recorder::answer(Call &call, GDBusMessage *answer)
         back.reset(g_dbus_message_new_method_error_literal(message, errorName, errorText));
     } else {
         back.reset(g_dbus_message_new_method_reply(message));
-        if (GVariant *body = g_dbus_message_get_body(answer))
+        GVariant *body = g_dbus_message_get_body(answer);
+        if (body)
             g_dbus_message_set_body(back.get(), body);
     }
     g_dbus_connection_send_message(m_program, back.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     if (call.step == NotRecorded || m_gone.count(g_dbus_message_get_sender(message)) > 0)
         return;
     Step &step = m_dialog[call.step];
-    step.replyMs = guint((g_get_monotonic_time() - call.received + 500) / 1000);
+    step.replyMs = roundedMilliseconds(g_get_monotonic_time() - call.received);
     if (failed) {
         step.error = errorName;
         step.message = errorText;
     } else {
-        step.reply = argsOf(answer);
+        step.reply = bodyOf(answer);
     }
 }
 
@@ -175,7 +140,8 @@ void Recorder::signalled(GDBusConnection *, const char *, const char *path, cons
 void Recorder::departed(GDBusConnection *, const char *, const char *, const char *, const char *,
                         GVariant *args, gpointer self)
 {
-    const char *name = "", *newOwner = "";
+    const char *name = "";
+    const char *newOwner = "";
     g_variant_get(args, "(&s&s&s)", &name, nullptr, &newOwner);
     if (*newOwner == '\0')
         static_cast<Recorder *>(self)->m_gone.insert(name);

@@ -1,32 +1,65 @@
 #ifndef KEP_SIM_SCENARIO_H
 #define KEP_SIM_SCENARIO_H
 
-#include "sim/dialog.h"
+// The scenario format: what the simulated service holds and plays, written as one GVariant dictionary
+// (type a{sv}) that a person can read and edit. The reader and the writer are both here, driven by one
+// table of the keys.
 #include "sim/glibptr.h"
 
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
-// What the simulated service holds and how it answers.
-struct Scenario {
+// One step of a program's dialog with the service: a call the program made and the service's answer to
+// it, or a signal the service sent.
+struct Step {
+    bool isCall = false;
+    std::string member;
+    std::string interface; // empty: the service's own interface
+    Variant args;          // a tuple; none read: no arguments
+    guint afterMs = 0;     // since the step before; the first step: since the program started
+
+    // A call's answer: a reply, an error, or neither when none came before the caller stopped waiting.
+    Variant reply; // a tuple
+    std::string error;
+    std::string message;
+    guint replyMs = 0; // from the call to its answer
+
+    bool answered() const { return reply || !error.empty(); }
+    std::string interfaceName() const; // the interface named, or the service's own
+};
+
+using Dialog = std::vector<Step>;
+
+// The simulated device: its properties and how it answers scans and WPS runs.
+struct DeviceState {
     std::map<std::string, Variant> properties; // Details only when given: otherwise made from the state
     bool silent = false;                       // no signal of the service's own
     guint scanDelayMs = 0;
-    guint wpsScanPasses = 0, wpsStepMs = 0; // WPS: ScanResults signals, then the outcome, a step apart
-    Variant scanResults, wpsCredentials;
+    Variant scanResults;
+    guint wpsScanPasses = 0; // WPS: this many ScanResults signals, then the outcome, a step apart
+    guint wpsStepMs = 0;
+    Variant wpsCredentials;
     std::string wpsError; // not empty: the run ends with WpsError
-    std::map<std::string, std::pair<std::string, std::string>>
-        readFaults; // property: error name, message (empty: no answer)
-    Dialog dialog;  // a recorded dialog, played before the service answers for itself
 };
 
-// The built-in scenario, then the file at `path` (if any) over it. On a
-// fault returns false with `message` set to "FILE:LINE:COLUMN: problem".
+struct Scenario {
+    DeviceState device;
+    Dialog dialog; // a recorded dialog, played before the service answers for itself
+};
+
+// The built-in scenario, then the file at `path` (if any) over it. On a fault returns false with
+// `message` set to "FILE:LINE:COLUMN: problem".
 bool loadScenario(const std::string &path, Scenario &scenario, std::string &message);
 
-// Every readable property of the service on `bus` as scenario entries, one a line ("  'Name': <value>",
-// joined by ",\n"); those it could not read are left out, with a line each in `leftOut`, and it gives false.
-bool captureProperties(GDBusConnection *bus, std::string &entries, std::string &leftOut);
+// A property's name and value, as a scenario holds it.
+using Entry = std::pair<std::string, Variant>;
+
+// A scenario of the properties given, one a line; "{}" when there are none.
+std::string scenarioText(const std::vector<Entry> &properties);
+
+// The same with the dialog after the properties, one step a line.
+std::string scenarioText(const std::vector<Entry> &properties, const Dialog &dialog);
 
 #endif

@@ -1,0 +1,14 @@
+#ifndef KEP_SIM_CAPTURE_H
+#define KEP_SIM_CAPTURE_H
+
+// Reading a running service's state, for `capture` and at the end of `record`.
+#include "sim/scenario.h"
+
+#include <string>
+#include <vector>
+
+// Every readable property of the service on `bus`, in the interface file's order. Those it could not
+// read are left out, with a line each in `leftOut`, and it gives false.
+bool captureProperties(GDBusConnection *bus, std::vector<Entry> &properties, std::string &leftOut);
+
+#endif

@@ -1,0 +1,38 @@
+#ifndef KEP_SIM_REPLAY_H
+#define KEP_SIM_REPLAY_H
+
+// Playing a recorded dialog: the program's calls are answered as the service answered them, for as long
+// as they come in the recorded order, and the service's signals follow at their recorded delays. A call
+// that is not the dialog's next one is named, and left to the simulated service; the dialog then still
+// waits for the call it expected. Once the dialog is played, the simulated service answers everything.
+#include "sim/scenario.h"
+
+#include <mutex>
+#include <vector>
+
+class Replay
+{
+public:
+    explicit Replay(Dialog dialog)
+        : m_dialog(std::move(dialog))
+    { }
+
+    // Plays the signals that come before the dialog's first call, on `bus`, once the main loop runs.
+    void start(GDBusConnection *bus);
+
+    // On GDBus's own thread: whether `call` is the dialog's next call, in which case it is answered
+    // from the dialog.
+    bool answered(GDBusMessage *call);
+
+private:
+    void answer(const Step &step, GDBusMessage *call);
+    void playSignals(size_t from); // the signals from step `from` on, up to the next call
+
+    const Dialog m_dialog;
+    GDBusConnection *m_bus = nullptr;               // the connection served on, which outlives the replay
+    std::mutex m_lock;                              // the dialog is followed on GDBus's thread
+    size_t m_nextCall = 0;                          // the dialog's next step that is a call
+    std::vector<Object<GDBusMessage>> m_unanswered; // calls the recording never answered
+};
+
+#endif
