@@ -10,6 +10,44 @@ int fail(const std::string &message, int status)
     return status;
 }
 
+namespace {
+
+// Room for one escape, \u0000 or \x00, and its end.
+constexpr size_t EscapeSize = 8;
+
+} // namespace
+
+std::string shown(std::string_view text, size_t limit)
+{
+    const char ellipsis[] = "…";
+    std::string out;
+    size_t characters = 0;
+    const char *at = text.data();
+    const char *end = text.data() + text.size();
+    while (at < end) {
+        if (characters == limit)
+            return out + ellipsis;
+        const gunichar character = g_utf8_get_char_validated(at, end - at);
+        const bool valid = character != gunichar(-1) && character != gunichar(-2);
+        char escaped[EscapeSize];
+        if (!valid) { // a byte that is not UTF-8
+            g_snprintf(escaped, sizeof escaped, "\\x%02x", guint(guchar(*at)));
+            out += escaped;
+            at += 1;
+        } else if (g_unichar_iscntrl(character)) {
+            g_snprintf(escaped, sizeof escaped, "\\u%04x", guint(character));
+            out += escaped;
+            at = g_utf8_next_char(at);
+        } else {
+            const char *next = g_utf8_next_char(at);
+            out.append(at, next);
+            at = next;
+        }
+        characters += 1;
+    }
+    return out;
+}
+
 Variant orEmptyTuple(GVariant *arguments)
 {
     if (!arguments)

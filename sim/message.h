@@ -6,9 +6,14 @@
 #include "sim/glibptr.h"
 
 #include <string>
+#include <string_view>
 
 // Says "kep-sim: MESSAGE" on standard error and gives back `status`.
 int fail(const std::string &message, int status = 1);
+
+// Text from outside as one line of a message: control characters escaped, and cut with an ellipsis
+// past `limit` characters.
+std::string shown(std::string_view text, size_t limit = 80);
 
 // Arguments as a tuple: `arguments` itself, or () when there are none.
 Variant orEmptyTuple(GVariant *arguments);

@@ -9,6 +9,10 @@
 
 namespace {
 
+// A dialog that waits this long for its next call, with nothing else to play, is said to be stuck.
+constexpr gint64 StuckAfterMicroseconds = G_USEC_PER_SEC;
+constexpr guint WatchIntervalMs = 250;
+
 // The first call from `from` on; the dialog's end when there is none.
 size_t nextCall(const Dialog &dialog, size_t from)
 {
@@ -25,12 +29,56 @@ void Replay::start(GDBusConnection *bus)
     const std::lock_guard<std::mutex> hold(m_lock);
     m_bus = bus;
     m_nextCall = nextCall(m_dialog, 0);
+    m_lastActivity = g_get_monotonic_time();
     playSignals(0);
+    if (m_nextCall < m_dialog.size())
+        g_timeout_add(WatchIntervalMs, watch, this);
+}
+
+gboolean Replay::watch(gpointer self)
+{
+    auto *replay = static_cast<Replay *>(self);
+    replay->sayIfStuck();
+    const std::lock_guard<std::mutex> hold(replay->m_lock);
+    if (replay->m_nextCall >= replay->m_dialog.size())
+        return G_SOURCE_REMOVE;
+    return G_SOURCE_CONTINUE;
+}
+
+// Once for each step the dialog gets stuck at: nothing left to send, no answer the caller waits for, and
+// no call for a while.
+void Replay::sayIfStuck()
+{
+    const std::lock_guard<std::mutex> hold(m_lock);
+    const bool waiting = m_nextCall < m_dialog.size() && m_pending == 0 && !m_callerWaits;
+    const bool quiet = g_get_monotonic_time() - m_lastActivity >= StuckAfterMicroseconds;
+    if (!waiting || !quiet || m_saidStuckAt == m_nextCall)
+        return;
+    m_saidStuckAt = m_nextCall;
+    const Step &expected = m_dialog[m_nextCall];
+    const std::string expectedArgs = text(orEmptyTuple(expected.args.get()).get());
+    std::fprintf(stderr,
+                 "kep-sim: the recording waits for its step %zu, the call %s %s, which has not come\n",
+                 m_nextCall + 1, expected.member.c_str(), shown(expectedArgs).c_str());
+}
+
+// Runs `action` after `ms` on the main loop, counted as pending until then.
+void Replay::afterPending(guint ms, std::function<void()> action)
+{
+    m_pending += 1;
+    later(ms, [this, action] {
+        action();
+        const std::lock_guard<std::mutex> hold(m_lock);
+        m_pending -= 1;
+        m_lastActivity = g_get_monotonic_time();
+    });
 }
 
 bool Replay::answered(GDBusMessage *call)
 {
     const std::lock_guard<std::mutex> hold(m_lock);
+    m_lastActivity = g_get_monotonic_time();
+    m_callerWaits = false;
     if (m_nextCall >= m_dialog.size())
         return false;
     const Step &expected = m_dialog[m_nextCall];
@@ -56,6 +104,7 @@ void Replay::answer(const Step &step, GDBusMessage *call)
 {
     if (!step.answered()) { // the caller waits for its own timeout
         m_unanswered.emplace_back(G_DBUS_MESSAGE(g_object_ref(call)));
+        m_callerWaits = true;
         return;
     }
     std::shared_ptr<GDBusMessage> answer;
@@ -68,7 +117,7 @@ void Replay::answer(const Step &step, GDBusMessage *call)
         g_dbus_message_set_body(answer.get(), step.reply.get()); // as recorded, whatever its type
     }
     GDBusConnection *bus = m_bus;
-    later(step.replyMs, [bus, answer] {
+    afterPending(step.replyMs, [bus, answer] {
         g_dbus_connection_send_message(bus, answer.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     });
 }
@@ -80,7 +129,7 @@ void Replay::playSignals(size_t from)
     for (size_t at = from; at < m_dialog.size() && !m_dialog[at].isCall; ++at) {
         const Step &step = m_dialog[at];
         delay += step.afterMs;
-        later(delay, [bus, &step] {
+        afterPending(delay, [bus, &step] {
             const Variant args = orEmptyTuple(step.args.get());
             g_dbus_connection_emit_signal(bus, nullptr, kep::ObjectPath, step.interfaceName().c_str(),
                                           step.member.c_str(), args.get(), nullptr);

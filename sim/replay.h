@@ -7,6 +7,7 @@
 // waits for the call it expected. Once the dialog is played, the simulated service answers everything.
 #include "sim/scenario.h"
 
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -25,6 +26,9 @@ public:
     bool answered(GDBusMessage *call);
 
 private:
+    static gboolean watch(gpointer self);
+    void sayIfStuck();
+    void afterPending(guint ms, std::function<void()> action);
     void answer(const Step &step, GDBusMessage *call);
     void playSignals(size_t from); // the signals from step `from` on, up to the next call
 
@@ -33,6 +37,12 @@ private:
     std::mutex m_lock;                              // the dialog is followed on GDBus's thread
     size_t m_nextCall = 0;                          // the dialog's next step that is a call
     std::vector<Object<GDBusMessage>> m_unanswered; // calls the recording never answered
+    // What tells a dialog that is stuck, waiting for a call that does not come, from one still playing.
+    size_t m_pending = 0;           // answers and signals still to be sent
+    bool m_callerWaits = false;     // the last call is one the recording never answered
+    gint64 m_lastActivity = 0;      // when a call came or something was sent last
+    size_t m_saidStuckAt = NotSaid; // the step last said to be stuck at
+    static constexpr size_t NotSaid = size_t(-1);
 };
 
 #endif

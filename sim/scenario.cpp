@@ -3,6 +3,7 @@
 #include "service/endpoint.h"
 #include "sim/interface.h"
 #include "sim/message.h"
+#include "sim/playable.h"
 
 #include <algorithm>
 #include <cstring>
@@ -107,6 +108,8 @@ bool setStepKey(Step &step, const StepKey &key, Variant value)
         return false;
     if (namesMember)
         step.isCall = key.written == Written::ForCall;
+    if (key.field.number == &Step::replyMs)
+        step.hasReplyMs = true;
     if (key.field.number)
         step.*key.field.number = numberIn(value);
     else if (key.field.string)
@@ -150,7 +153,16 @@ std::string stepValueText(const Step &step, const StepKey &key)
 }
 
 const char StepWithin[] = "step";
-const char Blanks[] = " \t\r\n";
+
+// The longest refusal: a longer text in it is cut.
+constexpr size_t MaxQuotedLength = 60;
+constexpr size_t MaxProblemLength = 300;
+
+// Blanks as GLib's GVariant text parser takes them.
+bool isBlank(char character)
+{
+    return g_ascii_isspace(character);
+}
 
 // What a key names where it stands: its type, and the row that says what to do with its value. A
 // property has a type and neither row; an unknown key has no type.
@@ -160,49 +172,103 @@ struct KeyMeaning {
     const StepKey *stepKey = nullptr;
 };
 
-// Reads a scenario's dictionaries, {'key': <value>, ...}, each value against the type its key takes.
+// Reads a scenario, {'key': <value>, ...}: the dictionaries and the dialog's list of steps are walked here,
+// each value is read by GLib's GVariant text parser against the type its key takes, and checked for what
+// D-Bus can carry; each step is checked for what a replay can play. A refusal names its place.
 class Reader
 {
 public:
-    Reader(std::string path, const std::string &text, Scenario &scenario, std::string &message)
+    Reader(std::string path, std::string_view text, Scenario &scenario, std::string &message)
         : m_path(std::move(path))
         , m_text(text)
+        , m_end(text.size())
         , m_scenario(scenario)
         , m_message(message)
     { }
 
     bool read()
     {
-        g_autoptr(GError) error = nullptr;
-        const GVariantType *dictionaryType = G_VARIANT_TYPE_VARDICT;
-        g_autoptr(GVariant) whole = g_variant_parse(dictionaryType, m_text.c_str(), nullptr, nullptr, &error);
-        if (!whole)
-            return refuseParse(0, error, " (a scenario is one dictionary, type 'a{sv}')");
+        const char *invalid = nullptr;
+        if (!g_utf8_validate(m_text.data(), m_text.size(), &invalid))
+            return refuse(invalid - m_text.data(), "not UTF-8 text: a scenario is GVariant text");
         size_t at = 0;
-        return dictionary(at, "");
+        if (!dictionary(at, ""))
+            return false;
+        skipBlanks(at);
+        if (at != m_end)
+            return refuse(at, "expected the end of the scenario after its dictionary");
+        return true;
     }
 
 private:
     bool refuse(size_t at, const std::string &problem)
     {
-        const size_t line = 1 + std::count(m_text.begin(), m_text.begin() + at, '\n');
+        const size_t place = std::min(at, m_end);
+        const auto before = m_text.substr(0, place);
+        const size_t line = 1 + std::count(before.begin(), before.end(), '\n');
+        const size_t lastBreak = before.rfind('\n');
         size_t lineStart = 0;
-        if (at > 0)
-            lineStart = m_text.rfind('\n', at - 1) + 1; // npos + 1 is 0
-        const long column = 1 + g_utf8_strlen(m_text.c_str() + lineStart, at - lineStart);
-        m_message = m_path + ':' + std::to_string(line) + ':' + std::to_string(column) + ": " + problem;
+        if (lastBreak != std::string_view::npos)
+            lineStart = lastBreak + 1;
+        const long column = 1 + g_utf8_strlen(m_text.data() + lineStart, place - lineStart);
+        m_message = shown(m_path) + ':' + std::to_string(line) + ':' + std::to_string(column) + ": "
+            + shown(problem, MaxProblemLength);
         return false;
     }
 
-    // GLib's parse errors begin with the offsets of the fault: "4-7:...".
+    // GLib's parse errors begin with the offsets of the fault from where it began to read, "4-7:...".
+    // An offset outside what it read is not taken.
     bool refuseParse(size_t at, const GError *error, const std::string &note)
     {
+        const char *text = error->message;
         char *rest = nullptr;
-        const unsigned long offset = std::strtoul(error->message, &rest, 10);
+        const unsigned long long offset = g_ascii_strtoull(text, &rest, 10);
         const char *colon = std::strchr(rest, ':');
-        if (rest == error->message || !colon)
-            return refuse(at, error->message + note);
-        return refuse(at + offset, colon + 1 + note);
+        if (rest == text || !colon)
+            return refuse(at, text + note);
+        size_t place = at;
+        if (offset <= m_end - at)
+            place = at + offset;
+        return refuse(place, colon + 1 + note);
+    }
+
+    void skipBlanks(size_t &at) const
+    {
+        while (at < m_end && isBlank(m_text[at]))
+            at += 1;
+    }
+
+    bool startsWith(size_t at, char character) const { return at < m_end && m_text[at] == character; }
+
+    // Past `character` and the blanks after it, or refuses with `problem`.
+    bool expect(size_t &at, char character, const std::string &problem)
+    {
+        skipBlanks(at);
+        if (!startsWith(at, character))
+            return refuse(at, problem);
+        at += 1;
+        skipBlanks(at);
+        return true;
+    }
+
+    // Past a type annotation, "@TYPE", if one stands at `at`: it must be the type given.
+    bool skipAnnotation(size_t &at, const char *type)
+    {
+        skipBlanks(at);
+        if (!startsWith(at, '@'))
+            return true;
+        const size_t typeAt = at + 1;
+        const char *typeEnd = nullptr;
+        const char *begin = m_text.data() + typeAt;
+        const char *limit = m_text.data() + m_end;
+        if (!g_variant_type_string_scan(begin, limit, &typeEnd))
+            return refuse(typeAt, "expected a type after '@'");
+        const std::string_view written(begin, typeEnd - begin);
+        if (written != type)
+            return refuse(typeAt, "expected type '" + std::string(type) + "' here");
+        at = typeEnd - m_text.data();
+        skipBlanks(at);
+        return true;
     }
 
     // What key `name` means within `within`, and the keys known there.
@@ -238,119 +304,152 @@ private:
     // The dictionary that begins at `at`, which moves past its closing brace.
     bool dictionary(size_t &at, const std::string &within)
     {
-        const char *base = m_text.c_str();
-        const char *p = base + at;
-        const char *end = nullptr;
-        const auto skip = [&p](char past) { // blanks, and one `past` with the blanks after it
-            p += std::strspn(p, Blanks);
-            if (*p == past)
-                p += 1 + std::strspn(p + 1, Blanks);
-        };
-        skip(' ');
-        if (*p != '{')
-            return refuse(p - base, "expected a dictionary {'key': <value>, ...}");
-        for (skip('{'); *p != '}'; skip(',')) {
-            g_autoptr(GError) error = nullptr;
-            const size_t keyAt = p - base;
-            g_autoptr(GVariant) key = g_variant_parse(G_VARIANT_TYPE_STRING, p, nullptr, &end, &error);
-            if (!key)
-                return refuseParse(keyAt, error, "");
-            const std::string name = g_variant_get_string(key, nullptr);
-            std::string known;
-            const KeyMeaning meaning = meaningOf(within, name, known);
-            if (!meaning.type)
-                return refuse(keyAt, "unknown key '" + name + "' (known here: " + known + ")");
-            p = end;
-            skip(':');
-            if (*p != '<')
-                return refuse(p - base, "expected a value in angle brackets, <...>");
-            g_autoptr(GVariant) any = g_variant_parse(nullptr, p, nullptr, &end, nullptr); // where it ends
-            p += 1;
-            const size_t valueAt = p - base;
-            const std::string expected = "'" + name + "' takes type '" + meaning.type + "'";
-            Variant value;
-            if (!valueOf(meaning.type, p, end - 1, expected, value))
-                return false;
-            if (!take(name, meaning, std::move(value), valueAt))
-                return false;
-            p = end;
+        if (!skipAnnotation(at, "a{sv}"))
+            return false;
+        if (!expect(at, '{', "expected a dictionary {'key': <value>, ...}"))
+            return false;
+        if (startsWith(at, '}')) {
+            at += 1;
+            return true;
         }
-        at = p + 1 - base;
-        return true;
+        while (true) {
+            if (!entry(at, within))
+                return false;
+            skipBlanks(at);
+            if (startsWith(at, '}')) {
+                at += 1;
+                return true;
+            }
+            if (!expect(at, ',', "expected ',' or '}' after a dictionary entry"))
+                return false;
+        }
     }
 
-    // The value between `p` and `end`, of the type given: as written, unless only that type tells what it
-    // is (an empty array, a bare number). Any tuple ("r") is as written.
-    bool valueOf(const char *type, const char *p, const char *end, const std::string &expected,
-                 Variant &value)
+    // One entry of a dictionary, 'key': <value>, beginning at `at`, which moves past it.
+    bool entry(size_t &at, const std::string &within)
     {
-        const size_t at = p - m_text.c_str();
+        g_autoptr(GError) error = nullptr;
+        const char *begin = m_text.data() + at;
+        const char *limit = m_text.data() + m_end;
+        const char *keyEnd = nullptr;
+        g_autoptr(GVariant) key = g_variant_parse(G_VARIANT_TYPE_STRING, begin, limit, &keyEnd, &error);
+        if (!key)
+            return refuseParse(at, error, " (a key is a string in quotes)");
+        const std::string name = g_variant_get_string(key, nullptr);
+        std::string known;
+        const KeyMeaning meaning = meaningOf(within, name, known);
+        if (!meaning.type)
+            return refuse(at,
+                          "unknown key '" + shown(name, MaxQuotedLength) + "' (known here: " + known + ")");
+        at = keyEnd - m_text.data();
+        if (!expect(at, ':', "expected ':' after the key"))
+            return false;
+        if (!startsWith(at, '<'))
+            return refuse(at, "expected a value in angle brackets, <...>");
+        at += 1;
+        skipBlanks(at);
+        const std::string expected = "'" + name + "' takes type '" + meaning.type + "'";
+        if (!value(at, name, meaning, expected))
+            return false;
+        return expect(at, '>', "expected '>' after the value of '" + name + "'");
+    }
+
+    // The value of key `name` at `at`, which moves past it.
+    bool value(size_t &at, const std::string &name, const KeyMeaning &meaning, const std::string &expected)
+    {
+        if (meaning.scenarioKey && meaning.scenarioKey->form == Form::Dictionary)
+            return dictionary(at, name);
+        if (meaning.scenarioKey && meaning.scenarioKey->form == Form::Steps)
+            return steps(at);
+        const size_t valueAt = at;
+        Variant read;
+        if (!parsed(at, meaning.type, expected, read))
+            return false;
+        std::string problem;
+        if (std::string_view(meaning.type) == "r")
+            problem = bodyProblem(read.get());
+        else
+            problem = carryProblem(read.get());
+        if (!problem.empty())
+            return refuse(valueAt, problem + " (in '" + name + "')");
+        return take(name, meaning, std::move(read), valueAt);
+    }
+
+    // The value at `at`, of the type given, read by GLib: as written, unless only that type tells what it
+    // is (an empty array, a bare number). Any tuple ("r") is as written. `at` moves past the value.
+    bool parsed(size_t &at, const char *type, const std::string &expected, Variant &read)
+    {
+        const char *begin = m_text.data() + at;
+        const char *limit = m_text.data() + m_end;
+        const char *valueEnd = nullptr;
         const bool definite = g_variant_type_is_definite(G_VARIANT_TYPE(type));
-        value = own(g_variant_parse(nullptr, p, end, nullptr, nullptr));
-        const bool bareNumber = value && g_variant_is_of_type(value.get(), G_VARIANT_TYPE_INT32);
+        g_autoptr(GError) error = nullptr;
+        read = own(g_variant_parse(nullptr, begin, limit, &valueEnd, &error));
+        const bool bareNumber = read && g_variant_is_of_type(read.get(), G_VARIANT_TYPE_INT32);
         const bool numberType = std::strchr("ynqiuxt", *type) != nullptr;
-        if (definite && (!value || (bareNumber && numberType))) {
-            g_autoptr(GError) error = nullptr;
-            value = own(g_variant_parse(G_VARIANT_TYPE(type), p, end, nullptr, &error));
-            if (!value)
-                return refuseParse(at, error, " (" + expected + ")");
+        if (definite && (!read || (bareNumber && numberType))) {
+            g_clear_error(&error);
+            read = own(g_variant_parse(G_VARIANT_TYPE(type), begin, limit, &valueEnd, &error));
         }
-        if (!value)
-            return refuse(at, expected);
-        if (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE(type)))
-            return refuse(at, expected + ", not '" + g_variant_get_type_string(value.get()) + "'");
+        if (!read)
+            return refuseParse(at, error, " (" + expected + ")");
+        const char *readType = g_variant_get_type_string(read.get());
+        if (!g_variant_is_of_type(read.get(), G_VARIANT_TYPE(type)))
+            return refuse(at, expected + ", not '" + readType + "'");
+        g_variant_get_data(read.get()); // serialised: far smaller than the tree the parser built
+        at = valueEnd - m_text.data();
         return true;
     }
 
-    // The steps of a dialog, [{...}, ...], beginning at `at`.
-    bool steps(size_t at)
+    // The steps of a dialog, [{...}, ...], beginning at `at`, which moves past the closing bracket.
+    bool steps(size_t &at)
     {
-        const char *base = m_text.c_str();
-        const char *p = base + at;
-        if (*p == '@')
-            p += std::strcspn(p, Blanks); // a type annotation
-        p += std::strspn(p, Blanks) + 1;  // and the opening bracket
-        p += std::strspn(p, Blanks);
-        while (*p != ']') {
-            size_t stepAt = p - base;
-            m_scenario.dialog.emplace_back();
-            if (!dictionary(stepAt, StepWithin))
-                return false;
-            if (m_scenario.dialog.back().member.empty())
-                return refuse(p - base, "a step names a 'call' or a 'signal'");
-            p = base + stepAt;
-            p += std::strspn(p, Blanks);
-            if (*p == ',')
-                p += 1 + std::strspn(p + 1, Blanks);
+        if (!skipAnnotation(at, "aa{sv}"))
+            return false;
+        if (!expect(at, '[', "expected a list of steps, [{...}, ...]"))
+            return false;
+        if (startsWith(at, ']')) {
+            at += 1;
+            return true;
         }
-        return true;
+        while (true) {
+            const size_t stepAt = at;
+            m_scenario.dialog.emplace_back();
+            if (!dictionary(at, StepWithin))
+                return false;
+            const Step &step = m_scenario.dialog.back();
+            if (step.member.empty())
+                return refuse(stepAt, "a step names a 'call' or a 'signal'");
+            const std::string problem = stepProblem(step);
+            if (!problem.empty())
+                return refuse(stepAt, problem);
+            skipBlanks(at);
+            if (startsWith(at, ']')) {
+                at += 1;
+                return true;
+            }
+            if (!expect(at, ',', "expected ',' or ']' after a step"))
+                return false;
+        }
     }
 
-    bool take(const std::string &name, const KeyMeaning &meaning, Variant value, size_t at)
+    bool take(const std::string &name, const KeyMeaning &meaning, Variant read, size_t at)
     {
         if (meaning.stepKey) {
-            if (!setStepKey(m_scenario.dialog.back(), *meaning.stepKey, std::move(value)))
+            if (!setStepKey(m_scenario.dialog.back(), *meaning.stepKey, std::move(read)))
                 return refuse(at, "a step is either a call or a signal");
             return true;
         }
-        if (!meaning.scenarioKey) {
-            m_scenario.device.properties[name] = std::move(value);
-            return true;
-        }
-        switch (meaning.scenarioKey->form) {
-        case Form::Dictionary:
-            return dictionary(at, name);
-        case Form::Steps:
-            return steps(at);
-        case Form::Value:
-            break;
-        }
-        meaning.scenarioKey->set(m_scenario.device, std::move(value));
+        if (meaning.scenarioKey)
+            meaning.scenarioKey->set(m_scenario.device, std::move(read));
+        else
+            m_scenario.device.properties[name] = std::move(read);
         return true;
     }
 
     const std::string m_path;
-    const std::string &m_text;
+    const std::string_view m_text;
+    const size_t m_end;
     Scenario &m_scenario;
     std::string &m_message;
 };
@@ -396,13 +495,6 @@ std::string propertyLines(const std::vector<Entry> &properties)
 
 } // namespace
 
-std::string Step::interfaceName() const
-{
-    if (interface.empty())
-        return kep::InterfaceName;
-    return interface;
-}
-
 bool loadScenario(const std::string &path, Scenario &scenario, std::string &message)
 {
     if (!Reader(BuiltInName, BuiltIn, scenario, message).read())
@@ -416,8 +508,7 @@ bool loadScenario(const std::string &path, Scenario &scenario, std::string &mess
         message = "kep-sim: " + std::string(error->message);
         return false;
     }
-    const std::string fileText(contents, length);
-    return Reader(path, fileText, scenario, message).read();
+    return Reader(path, std::string_view(contents, length), scenario, message).read();
 }
 
 std::string scenarioText(const std::vector<Entry> &properties)

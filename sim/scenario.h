@@ -5,32 +5,12 @@
 // (type a{sv}) that a person can read and edit. The reader and the writer are both here, driven by one
 // table of the keys.
 #include "sim/glibptr.h"
+#include "sim/step.h"
 
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
-
-// One step of a program's dialog with the service: a call the program made and the service's answer to
-// it, or a signal the service sent.
-struct Step {
-    bool isCall = false;
-    std::string member;
-    std::string interface; // empty: the service's own interface
-    Variant args;          // a tuple; none read: no arguments
-    guint afterMs = 0;     // since the step before; the first step: since the program started
-
-    // A call's answer: a reply, an error, or neither when none came before the caller stopped waiting.
-    Variant reply; // a tuple
-    std::string error;
-    std::string message;
-    guint replyMs = 0; // from the call to its answer
-
-    bool answered() const { return reply || !error.empty(); }
-    std::string interfaceName() const; // the interface named, or the service's own
-};
-
-using Dialog = std::vector<Step>;
 
 // The simulated device: its properties and how it answers scans and WPS runs.
 struct DeviceState {
