@@ -164,6 +164,13 @@ bool isBlank(char character)
     return g_ascii_isspace(character);
 }
 
+std::string notText(char invalid)
+{
+    if (invalid == '\0')
+        return "a NUL byte: a scenario is GVariant text";
+    return "not UTF-8 text: a scenario is GVariant text";
+}
+
 // What a key names where it stands: its type, and the row that says what to do with its value. A
 // property has a type and neither row; an unknown key has no type.
 struct KeyMeaning {
@@ -190,7 +197,7 @@ public:
     {
         const char *invalid = nullptr;
         if (!g_utf8_validate(m_text.data(), m_text.size(), &invalid))
-            return refuse(invalid - m_text.data(), "not UTF-8 text: a scenario is GVariant text");
+            return refuse(invalid - m_text.data(), notText(*invalid));
         size_t at = 0;
         if (!dictionary(at, ""))
             return false;
@@ -301,32 +308,45 @@ private:
         return meaning;
     }
 
-    // The dictionary that begins at `at`, which moves past its closing brace.
+    // The dictionary that begins at `at`, which moves past its end: written {'key': <value>, ...}, or as
+    // GLib also reads it, a list of entries [{'key', <value>}, ...].
     bool dictionary(size_t &at, const std::string &within)
     {
         if (!skipAnnotation(at, "a{sv}"))
             return false;
-        if (!expect(at, '{', "expected a dictionary {'key': <value>, ...}"))
+        skipBlanks(at);
+        const bool asList = startsWith(at, '[');
+        char close = '}';
+        if (asList)
+            close = ']';
+        if (!asList && !expect(at, '{', "expected a dictionary {'key': <value>, ...}"))
             return false;
-        if (startsWith(at, '}')) {
+        if (asList && !expect(at, '[', ""))
+            return false;
+        if (startsWith(at, close)) {
             at += 1;
             return true;
         }
         while (true) {
-            if (!entry(at, within))
+            if (asList && !expect(at, '{', "expected a dictionary entry {'key', <value>}"))
+                return false;
+            if (!entry(at, within, asList))
+                return false;
+            if (asList && !expect(at, '}', "expected '}' after a dictionary entry"))
                 return false;
             skipBlanks(at);
-            if (startsWith(at, '}')) {
+            if (startsWith(at, close)) {
                 at += 1;
                 return true;
             }
-            if (!expect(at, ',', "expected ',' or '}' after a dictionary entry"))
+            if (!expect(at, ',', std::string("expected ',' or '") + close + "' after a dictionary entry"))
                 return false;
         }
     }
 
-    // One entry of a dictionary, 'key': <value>, beginning at `at`, which moves past it.
-    bool entry(size_t &at, const std::string &within)
+    // One entry of a dictionary, 'key': <value> (in a list of entries 'key', <value>), beginning at `at`,
+    // which moves past it.
+    bool entry(size_t &at, const std::string &within, bool inList)
     {
         g_autoptr(GError) error = nullptr;
         const char *begin = m_text.data() + at;
@@ -342,7 +362,10 @@ private:
             return refuse(at,
                           "unknown key '" + shown(name, MaxQuotedLength) + "' (known here: " + known + ")");
         at = keyEnd - m_text.data();
-        if (!expect(at, ':', "expected ':' after the key"))
+        char separator = ':';
+        if (inList)
+            separator = ',';
+        if (!expect(at, separator, std::string("expected '") + separator + "' after the key"))
             return false;
         if (!startsWith(at, '<'))
             return refuse(at, "expected a value in angle brackets, <...>");
@@ -508,7 +531,12 @@ bool loadScenario(const std::string &path, Scenario &scenario, std::string &mess
         message = "kep-sim: " + std::string(error->message);
         return false;
     }
-    return Reader(path, std::string_view(contents, length), scenario, message).read();
+    return readScenario(path, std::string_view(contents, length), scenario, message);
+}
+
+bool readScenario(const std::string &name, std::string_view text, Scenario &scenario, std::string &message)
+{
+    return Reader(name, text, scenario, message).read();
 }
 
 std::string scenarioText(const std::vector<Entry> &properties)

@@ -9,6 +9,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -32,6 +33,9 @@ struct Scenario {
 // The built-in scenario, then the file at `path` (if any) over it. On a fault returns false with
 // `message` set to "FILE:LINE:COLUMN: problem".
 bool loadScenario(const std::string &path, Scenario &scenario, std::string &message);
+
+// The scenario in `text` over `scenario`, as loadScenario() reads a file called `name`.
+bool readScenario(const std::string &name, std::string_view text, Scenario &scenario, std::string &message);
 
 // A property's name and value, as a scenario holds it.
 using Entry = std::pair<std::string, Variant>;
