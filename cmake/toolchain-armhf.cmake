@@ -67,7 +67,8 @@ list(REMOVE_DUPLICATES CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES)
 # pkg-config (GLib for kep-sim) reads the sysroot's .pc files, never the build
 # machine's, and its paths lead into the sysroot, through a wrapper that
 # keeps a blank in the sysroot's path.
-set(ENV{PKG_CONFIG_LIBDIR} "${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}/pkgconfig:${KEP_ARMHF_SYSROOT}/usr/share/pkgconfig")
+set(ENV{PKG_CONFIG_LIBDIR}
+    "${KEP_ARMHF_SYSROOT}/usr/lib/${KEP_ARMHF_TRIPLET}/pkgconfig:${KEP_ARMHF_SYSROOT}/usr/share/pkgconfig")
 set(ENV{KEP_ARMHF_SYSROOT} "${KEP_ARMHF_SYSROOT}")
 set(PKG_CONFIG_EXECUTABLE "${CMAKE_CURRENT_LIST_DIR}/pkg-config-armhf.sh" CACHE FILEPATH
     "pkg-config for the armhf sysroot")
