@@ -33,10 +33,9 @@ private:
     void playSignals(size_t from); // the signals from step `from` on, up to the next call
 
     const Dialog m_dialog;
-    GDBusConnection *m_bus = nullptr;               // the connection served on, which outlives the replay
-    std::mutex m_lock;                              // the dialog is followed on GDBus's thread
-    size_t m_nextCall = 0;                          // the dialog's next step that is a call
-    std::vector<Object<GDBusMessage>> m_unanswered; // calls the recording never answered
+    GDBusConnection *m_bus = nullptr; // the connection served on, which outlives the replay
+    std::mutex m_lock;                // the dialog is followed on GDBus's thread
+    size_t m_nextCall = 0;            // the dialog's next step that is a call
     // What tells a dialog that is stuck, waiting for a call that does not come, from one still playing.
     size_t m_pending = 0;           // answers and signals still to be sent
     bool m_callerWaits = false;     // the last call is one the recording never answered

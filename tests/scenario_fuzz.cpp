@@ -224,6 +224,7 @@ std::string sendingProblem(const std::string &input)
             values.push_back(Variant(g_variant_ref(step.reply.get())));
         g_autoptr(GDBusMessage) call = g_dbus_message_new_method_call(
             "com.calyra.kep", "/com/calyra/kep", step.interfaceName().c_str(), step.member.c_str());
+        g_dbus_message_set_serial(call, 1);
         if (!step.error.empty()) {
             g_autoptr(GDBusMessage) error
                 = g_dbus_message_new_method_error_literal(call, step.error.c_str(), step.message.c_str());
