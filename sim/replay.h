@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <mutex>
-#include <vector>
 
 class Replay
 {
