@@ -10,6 +10,9 @@ A case is a block of lines; a blank line ends it, a line starting with # is a co
   + Property value        the service's property before the run (GVariant text, any type)
   ! Property [Error msg]  reads of the property answer that error; with no error, never answer
   ~ Signal (args,)        once the client listens for Signal, the service emits it ("~!": a stranger does)
+  ~+ Signal (args,)       one more signal of the burst the "~" line above starts: once the client listens
+                          for each of them, the service emits them all back to back (kep-sim's
+                          EmitSignals) while the client is stopped, so that they reach it in one read
   ~ restart               once the client listens, the service restarts
   ~ drop-bus              once the client listens, the bus goes away
   & clock S               a fast clock, the run ending after S of its seconds
@@ -235,20 +238,54 @@ def check_no_network_library(client):
         assert 'libQt5Network' not in maps.read(), 'the waiting client maps QtNetwork'
 
 
-def send(bus, kind, text):
-    """What a "~" line does once the client listens."""
-    if text == 'restart':
+def parse_signal(text):
+    """A signal's member and its arguments, a tuple, from "Member (args,)"."""
+    member, args_text = text.split(' ', 1)
+    return member, GLib.Variant.parse(None, args_text, None, None)
+
+
+def unpacked(args):
+    """A tuple's items, each as the variant EmitSignal and EmitSignals take them in."""
+    return [args.get_child_value(index) for index in range(args.n_children())]
+
+
+def stopped(client):
+    """Whether the client has stopped (or ended), its state left for Popen to collect."""
+    flags = os.WSTOPPED | os.WEXITED | os.WNOWAIT | os.WNOHANG
+    return os.waitid(os.P_PID, client.pid, flags) is not None
+
+
+def send_burst(bus, client, burst):
+    """The service's signals back to back, while the client is held: the bus has delivered them all to the
+    client's socket by the time kep-sim answers EmitSignals, after the last of them, so the client reads
+    them in one go once it goes on."""
+    os.kill(client.pid, signal.SIGSTOP)
+    try:
+        until(lambda: stopped(client), 'the client to stop')
+        bus.control('EmitSignals', '(a(sav))', burst)
+    finally:
+        os.kill(client.pid, signal.SIGCONT)
+
+
+def send(bus, client, kind, texts):
+    """What a "~" line and its "~+" lines do once the client listens."""
+    first = texts[0]
+    if first == 'restart':
         bus.serve()
-    elif text == 'drop-bus':
+    elif first == 'drop-bus':
         bus.daemon.kill()
+    elif kind == '~!':  # from the runner's own connection, on the service's path and interface
+        member, args = parse_signal(first)
+        bus.conn.emit_signal(None, KEP_PATH, KEP_INTERFACE, member, args)
+    elif len(texts) == 1:
+        member, args = parse_signal(first)
+        bus.control('EmitSignal', '(sav)', member, unpacked(args))
     else:
-        member, args_text = text.split(' ', 1)
-        args = GLib.Variant.parse(None, args_text, None, None)
-        if kind == '~!':  # from the runner's own connection, on the service's path and interface
-            bus.conn.emit_signal(None, KEP_PATH, KEP_INTERFACE, member, args)
-        else:
-            arguments = [args.get_child_value(index) for index in range(args.n_children())]
-            bus.control('EmitSignal', '(sav)', member, arguments)
+        burst = []
+        for text in texts:
+            member, args = parse_signal(text)
+            burst.append((member, unpacked(args)))
+        send_burst(bus, client, burst)
 
 
 def run_client(bus, case, words):
@@ -266,10 +303,11 @@ def run_client(bus, case, words):
         client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL,
                                   stdout=out, stderr=err, preexec_fn=without_argv)
         try:
-            for kind, text in case.get('~', []):
-                bus.wait_until_listening(listened_member(text))
+            for kind, texts in case.get('~', []):
+                for text in texts:
+                    bus.wait_until_listening(listened_member(text))
                 check_no_network_library(client)
-                send(bus, kind, text)
+                send(bus, client, kind, texts)
             status = client.wait(timeout=CLIENT_LIMIT)
         finally:
             stop(client)
@@ -330,7 +368,7 @@ def run(bus, case, blocks, words):
     else:
         bus.prepare(case)
         outcome = run_client(bus, case, words)
-        if 'no-service' not in case and ('~', 'drop-bus') not in case.get('~', []):
+        if 'no-service' not in case and ('~', ['drop-bus']) not in case.get('~', []):
             calls = received_calls(bus)
     problems = []
     if outcome.status != int(case.get('exit', 0)) or outcome.stdout:
@@ -368,8 +406,14 @@ def parse(path):
         if tag == '&':
             option, _, value = text.partition(' ')
             current[option] = value
+        elif tag == '~+':
+            bursts = current.get('~', [])
+            if not bursts or bursts[-1][0] != '~' or ' ' not in bursts[-1][1][0]:
+                raise ValueError('%s:%d: "~+" goes on from a "~" line of the service\'s signals'
+                                 % (path, number))
+            bursts[-1][1].append(text)
         elif tag.startswith('~'):  # a signal keeps its tag: ~ the service's, ~! a stranger's
-            current.setdefault('~', []).append((tag, text))
+            current.setdefault('~', []).append((tag, [text]))
         else:
             current.setdefault(tag, []).append(text)
     cases = []
