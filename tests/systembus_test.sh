@@ -10,9 +10,10 @@ if [ "$(id -u)" -ne 0 ]; then
         "kep-sim runs as root, kepclient as nobody)"
     exit 77
 fi
-# A PID namespace of its own: however this script ends, no process outlives it.
+# A PID namespace of its own, with its own /proc: however this script ends, no process outlives it, and
+# the sanitizers read the threads of the programs it starts.
 if [ -z "${KEP_SYSTEMBUS_NS:-}" ]; then
-    KEP_SYSTEMBUS_NS=1 exec unshare --pid --fork --kill-child "$0" "$@"
+    KEP_SYSTEMBUS_NS=1 exec unshare --pid --fork --mount-proc --kill-child "$0" "$@"
 fi
 client=$1
 sim=$2
