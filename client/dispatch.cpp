@@ -1,6 +1,5 @@
 #include "client/kepclient.h"
 
-#include <QCoreApplication>
 #include <QHash>
 
 // Runs once, from the event loop, right after start-up: picks the handler for
@@ -28,11 +27,11 @@ void KepClient::on_program_ready()
 
     switch ((this->*handler)(m_arguments.mid(2))) {
     case Done:
-        QCoreApplication::quit();
+        endRun();
         break;
     case BadArguments:
         printUsage({});
-        QCoreApplication::quit();
+        endRun();
         break;
     default:
         break; // waiting for the service; a slot ends the run

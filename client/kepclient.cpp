@@ -18,8 +18,18 @@ KepClient::KepClient(QStringList arguments)
     QTimer::singleShot(0, this, SLOT(on_program_ready()));
 }
 
+bool KepClient::endRun()
+{
+    if (m_runEnded)
+        return false;
+    m_runEnded = true;
+    QCoreApplication::quit();
+    return true;
+}
+
 void KepClient::on_kepclient_timeout()
 {
+    if (!endRun())
+        return;
     qDebug() << "kepclient: Timeout reached, exiting...";
-    QCoreApplication::quit();
 }

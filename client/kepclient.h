@@ -43,12 +43,21 @@ private:
     int wirelessIp(const QStringList &);    // wirelessip commands/ipsettings.cpp
     int logLevel(const QStringList &);      // loglevel  commands/loglevel.cpp
 
+    // Ends the run, once: the first call asks the event loop to quit and
+    // returns true, every later one returns false. quit() does not stop the
+    // signals QtDBus has already queued: they are still delivered before
+    // exec() returns. So a slot that ends the run prints only when its call
+    // ended it, and a slot that reports progress prints nothing once the run
+    // has ended.
+    bool endRun();
+
     void callService(const QString &method, const QVariantList &arguments = {});
     int callServiceAndFinish(const QString &method, const QVariantList &arguments = {});
     int writeIpSettings(const char *property, const QStringList &arguments);
 
     const QStringList m_arguments;
     com_calyra_kep *m_kep;
+    bool m_runEnded = false;
 };
 
 #endif

@@ -3,7 +3,6 @@
 
 #include "kep_interface.h"
 
-#include <QCoreApplication>
 #include <QDebug>
 #include <QTimer>
 
@@ -23,18 +22,22 @@ int KepClient::wps(const QStringList &)
 
 void KepClient::on_kep_WpsCredentials(const QVariantMap &credentials)
 {
+    if (!endRun())
+        return;
     qDebug() << "Wps Credentials:" << credentials;
-    QCoreApplication::quit();
 }
 
 void KepClient::on_kep_WpsError(const QString &message)
 {
+    if (!endRun())
+        return;
     qDebug() << "Wps Error:" << message;
-    QCoreApplication::quit();
 }
 
 // During WPS a ScanResults only says that one scan pass is over.
 void KepClient::on_kep_WpsProgress(const QVariantMap &)
 {
+    if (m_runEnded)
+        return;
     qDebug() << "Wps scan completed, still waiting...";
 }

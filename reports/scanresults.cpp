@@ -3,11 +3,12 @@
 
 #include "reports/valueprinter.h"
 
-#include <QCoreApplication>
 #include <QDebug>
 
 void KepClient::on_kep_ScanResults(const QVariantMap &results)
 {
+    if (!endRun())
+        return;
     const QStringList networks = results.keys();
     for (const QString &network : networks) {
         qDebug() << "Network: " << network << " -> ";
@@ -30,5 +31,4 @@ void KepClient::on_kep_ScanResults(const QVariantMap &results)
                 qDebug() << "\t" << name << "=" << property;
         }
     }
-    QCoreApplication::quit();
 }

@@ -5,15 +5,18 @@
 # commit as it is: when the work tree has changes, they are built from a first clone too.
 #   tests/reproducible_test.sh DIR ARCHITECTURE
 set -euo pipefail
-dir=$(realpath "$1") arch=$2 failures=0
+dir=$(realpath "$1")
+arch=$2
+failures=0
+shown_lines=60 # of diffoscope's report
 repo=$(git rev-parse --show-toplevel)
-head=$(git -C "$repo" rev-parse HEAD)
+commit=$(git -C "$repo" rev-parse HEAD)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 # package CLONE: the commit cloned into CLONE, and its packages built there.
 package() {
     git clone -q --no-checkout "$repo" "$1"
-    git -C "$1" checkout -q --detach "$head"
+    git -C "$1" checkout -q --detach "$commit"
     "$1/scripts/package.sh" "$arch" >/dev/null
 }
 if [ -n "$(git -C "$repo" status --porcelain --untracked-files=no)" ]; then
@@ -24,16 +27,22 @@ fi
 package "$work/with blank/kepclient"
 second=$work/with\ blank/kepclient/dist
 
-diff <(cd "$dir" && ls -- *_"$arch".deb) <(cd "$second" && ls -- *_"$arch".deb) >&2 ||
-    { echo "reproducible test: FAIL: not the same packages (< $dir, > $second)" >&2; exit 1; }
+if ! diff <(cd "$dir" && ls -- *_"$arch".deb) <(cd "$second" && ls -- *_"$arch".deb) >&2; then
+    echo "reproducible test: FAIL: not the same packages (< $dir, > $second)" >&2
+    exit 1
+fi
 for deb in "$dir"/*_"$arch".deb; do
     name=$(basename "$deb")
     if ! cmp -s "$deb" "$second/$name"; then
         echo "reproducible test: FAIL: $name differs between the two builds:" >&2
         failures=$((failures + 1))
         "$repo/scripts/install-deps.sh" diffoscope-minimal
-        diffoscope --text - "$deb" "$second/$name" | head -n 60 >&2 || true
+        # diffoscope ends with status 1 when the files differ, as they do here
+        diffoscope --text - "$deb" "$second/$name" | head -n "$shown_lines" >&2 || true
     fi
 done
-[ "$failures" -eq 0 ] || exit 1
-echo "reproducible test: $(cd "$dir" && ls -- *_"$arch".deb | wc -l) packages ($arch) built twice at two paths: byte-identical"
+if [ "$failures" -ne 0 ]; then
+    exit 1
+fi
+packages=$(cd "$dir" && ls -- *_"$arch".deb | wc -l)
+echo "reproducible test: $packages packages ($arch) built twice at two paths: byte-identical"

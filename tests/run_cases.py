@@ -1,225 +1,484 @@
 #!/usr/bin/python3
-"""Runs tables of end-to-end cases: the kepclient binary, started as users start it, against kep-sim owning
-com.calyra.kep on a private bus, scripted through kep-sim's control interface. A case is a block of lines:
-  $ words                 one run: shell words, "$ [...]" a Python list (bytes, expressions), "$ sim ..." kep-sim,
-                          where {kepclient} is the client, {bus} the case's bus, {scenario} and {recording} files
+"""Runs tables of end-to-end cases: the kepclient binary, started as users start it, against kep-sim
+owning com.calyra.kep on a private bus, scripted through kep-sim's control interface.
+
+A case is a block of lines; a blank line ends it, a line starting with # is a comment.
+  $ words                 one run: shell words, or "$ [...]" a Python list (bytes, expressions);
+                          "$ sim ..." runs kep-sim instead, where {kepclient} stands for the client,
+                          {bus} for the case's bus, {scenario} and {recording} for the runner's files.
+                          Several $ lines run the same case once each; none runs the client bare.
   + Property value        the service's property before the run (GVariant text, any type)
   ! Property [Error msg]  reads of the property answer that error; with no error, never answer
-  ~ Signal (args,)        once the client listens for Signal, the service emits it ("~!": a stranger does);
-                          "~ restart" / "~ drop-bus": the service restarts / the bus goes away meanwhile
-  & clock S | prog NAME | no-argv | no-service | recapture | scenario TEXT | exit N | pace: a fast clock, ending
-                          after S of its seconds | started as NAME | with no argument vector | no service | served
-                          from kep-sim's capture | kep-sim's scenario | exit status | each run of the case takes
-                          as long as its first, within 10 % or 0.1 s
-  | text                  a line of standard error, ⇥ a tab, · a blank ("| @name": the block "= @name" defines)
+  ~ Signal (args,)        once the client listens for Signal, the service emits it ("~!": a stranger does)
+  ~+ Signal (args,)       one more signal of the burst the "~" line above starts: once the client listens
+                          for each of them, the service emits them all back to back (kep-sim's
+                          EmitSignals) while the client is stopped, so that they reach it in one read
+  ~ restart               once the client listens, the service restarts
+  ~ drop-bus              once the client listens, the bus goes away
+  & clock S               a fast clock, the run ending after S of its seconds
+  & prog NAME             the client started as NAME
+  & no-argv               the client started with no argument vector
+  & no-service            nobody owns com.calyra.kep
+  & recapture             the service serves what kep-sim's capture read of it
+  & scenario TEXT         kep-sim's scenario ("\\n" a line break)
+  & exit N                the run's exit status (otherwise 0)
+  & pace                  each run of the case takes as long as its first, within 10 % or 0.1 s
+  | text                  a line of standard error, ⇥ a tab, · a blank ("| @name": the block "= @name"
+                          defines with its own | lines)
   > Member sig (body)     a call the service received, in order ("> !": refused); none listed, none made
+Standard output stays empty in every run.
 """
-import ctypes, glob, os, select, shlex, shutil, subprocess, sys, tempfile, time
+import ctypes
+import functools
+import glob
+import os
+import select
+import shlex
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from dataclasses import dataclass
+
 from gi.repository import Gio, GLib
 
+# The programs under test. Under emulation the armhf client runs through one wrapper program, whose
+# path is taken whole.
 CLIENT = os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT']
-WRAPPER = [os.environ['KEPCLIENT_WRAPPER']] if os.environ.get('KEPCLIENT_WRAPPER') else []  # one program's path
+WRAPPER = [os.environ['KEPCLIENT_WRAPPER']] if os.environ.get('KEPCLIENT_WRAPPER') else []
 SIM = os.environ['KEPSIM']
+
+# One directory for the whole run: the bus's socket, the scenario, the recording, the client's output.
 WORK = tempfile.mkdtemp(prefix='kep-cases.')
-SCENARIO, RECORDING = os.path.join(WORK, 'scenario'), os.path.join(WORK, 'recording')
-SPEED, KEP = 60, ('com.calyra.kep', '/com/calyra/kep')
-BUS = ('org.freedesktop.DBus', '/org/freedesktop/DBus')
-WITH_US = ['setpriv', '--pdeathsig', 'KILL']  # children die with the runner, whatever happens
+SCENARIO = os.path.join(WORK, 'scenario')
+RECORDING = os.path.join(WORK, 'recording')
+DEFAULT_SCENARIO = "{'silent': <true>}"
+
+# What the runner calls on the bus: (bus name, object path, interface).
+KEP_NAME = 'com.calyra.kep'
+KEP_PATH = '/com/calyra/kep'
+KEP_INTERFACE = 'com.calyra.kep'
+SIM_CONTROL = (KEP_NAME, KEP_PATH, 'com.calyra.kep.Sim')
+BUS_DAEMON = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus')
+BUS_STATS = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats')
+# scan and wps both listen for ScanResults, wps last of all and after its call
+LAST_LISTENED_SIGNAL = 'ScanResults'
+
+# Every child dies with the runner, whatever happens.
+WITH_US = ['setpriv', '--pdeathsig', 'KILL']
+PR_SET_PDEATHSIG = 1  # from <linux/prctl.h>
+
+# Limits, in seconds.
+WAIT_LIMIT = 10  # a program to start, the client to listen, the bus to free a name
+POLL_INTERVAL = 0.002
+CALL_TIMEOUT_MS = 5000  # one call of the runner's on the bus
+CLIENT_LIMIT = 120  # one run of the client
+SIM_LIMIT = 60  # one run of kep-sim's command line
+# The fast clock runs CLOCK_SPEED times as fast as the real one. A run on it ends after at least its S
+# seconds and fewer than S * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START: room for a slow start under the
+# sanitizers.
+CLOCK_SPEED = 60
+CLOCK_SLOW_FACTOR = 4
+CLOCK_SLOW_START = 120
+# A run of a "pace" case is as long as the case's first run, within this share of it or this many seconds.
+PACE_TOLERANCE = 0.1
+PACE_SLACK = 0.1
+
+# How much a failure shows.
+SHOWN_OUTPUT_BYTES = 200
+SHOWN_TEXT_CHARS = 4000
+SHOWN_WORDS_CHARS = 60
 
 
-def until(check, what, timeout=10):
-    end = time.monotonic() + timeout
+@dataclass
+class Outcome:
+    """What one run left behind."""
+    status: int
+    stdout: bytes
+    stderr: str
+    prog: str  # the client as started, '' for a run of kep-sim's command line
+    seconds: float
+
+
+def until(check, what):
+    """Waits until check() holds, asking again every POLL_INTERVAL, at most WAIT_LIMIT seconds."""
+    deadline = time.monotonic() + WAIT_LIMIT
     while not check():
-        assert time.monotonic() < end, 'gave up waiting for ' + what
-        time.sleep(0.002)
+        assert time.monotonic() < deadline, 'gave up waiting for ' + what
+        time.sleep(POLL_INTERVAL)
 
 
-def start(command):  # a program whose first line on standard output says it is ready; returns it and the line
-    proc = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    until(lambda: select.select([proc.stdout], [], [], 0)[0], command[0] + ' to start')
-    return proc, proc.stdout.readline().decode().strip()
+def start(command):
+    """Starts a program whose first line on standard output says it is ready; returns it and the line."""
+    process = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    readable = select.select([process.stdout], [], [], WAIT_LIMIT)[0]
+    assert readable, 'gave up waiting for %s to start' % command[0]
+    return process, process.stdout.readline().decode().strip()
+
+
+def stop(process):
+    process.kill()
+    process.wait()
+
+
+def write_file(path, content):
+    mode = 'wb' if isinstance(content, bytes) else 'w'
+    with open(path, mode) as written:
+        written.write(content)
 
 
 class Bus:
+    """The private bus of the run: its dbus-daemon, the runner's own connection to it, and the latest
+    kep-sim started on it (perhaps ended since)."""
+
     def __init__(self):
         self.daemon, self.address = start(['dbus-daemon', '--session', '--nofork', '--print-address',
                                            '--address=unix:tmpdir=' + WORK])
-        self.conn = Gio.DBusConnection.new_for_address_sync(self.address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-                                                            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+        flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+        self.conn = Gio.DBusConnection.new_for_address_sync(self.address, flags, None, None)
         self.sim = None
 
-    def control(self, method, fmt='()', *args, to=KEP + ('com.calyra.kep.Sim',)):
-        return self.conn.call_sync(*to, method, GLib.Variant(fmt, args), None, 0, 5000, None).unpack()
+    def call(self, target, method, signature='()', *args):
+        name, path, interface = target
+        parameters = GLib.Variant(signature, args)
+        reply = self.conn.call_sync(name, path, interface, method, parameters, None, Gio.DBusCallFlags.NONE,
+                                    CALL_TIMEOUT_MS, None)
+        return reply.unpack()
 
-    def serve(self):
-        self.close(daemon=False)
-        self.sim = start([SIM, '--address', self.address, '--scenario', SCENARIO])[0]
+    def control(self, method, signature='()', *args):
+        """Calls a method of kep-sim's control interface."""
+        return self.call(SIM_CONTROL, method, signature, *args)
 
     def listening(self, member):
-        rules = self.control('GetAllMatchRules', to=BUS + ('org.freedesktop.DBus.Debug.Stats',))[0]
-        return any("member='%s'" % member in rule for rules in rules.values() for rule in rules)
+        """Whether some connection on the bus has a match rule for the signal member."""
+        rules_by_connection = self.call(BUS_STATS, 'GetAllMatchRules')[0]
+        wanted = "member='%s'" % member
+        return any(wanted in rule for rules in rules_by_connection.values() for rule in rules)
 
-    def close(self, daemon=True):
-        procs = [self.sim, self.daemon] if daemon else [self.sim]
-        for proc in filter(None, procs):
-            proc.kill()
-            proc.wait()
-        if self.sim and not daemon:  # the bus frees the name once it has read the end of the connection
-            until(lambda: not self.control('NameHasOwner', '(s)', KEP[0], to=BUS + BUS[:1])[0], 'the name to be free')
+    def wait_until_listening(self, member):
+        until(lambda: self.listening(member), 'the client to listen for ' + member)
 
-    def prepare(self, case):  # the case's service, as its lines set it up, or none
-        self.close(daemon=False)
+    def name_is_free(self):
+        return not self.call(BUS_DAEMON, 'NameHasOwner', '(s)', KEP_NAME)[0]
+
+    def serve(self):
+        """A fresh kep-sim on the bus, playing the scenario."""
+        self.stop_service()
+        self.sim = start([SIM, '--address', self.address, '--scenario', SCENARIO])[0]
+
+    def stop_service(self):
+        if self.sim is None:
+            return
+        stop(self.sim)
+        # the bus frees the name once it has read the end of the connection
+        until(self.name_is_free, 'the name to be free')
+
+    def close(self):
+        if self.sim is not None:
+            stop(self.sim)
+        stop(self.daemon)
+
+    def prepare(self, case):
+        """The case's service, as its lines set it up, or none."""
         if 'no-service' in case:
+            self.stop_service()
             return
         self.serve()
-        for name, value in (line.split(' ', 1) for line in case.get('+', [])):
+        for line in case.get('+', []):
+            name, value = line.split(' ', 1)
             self.control('SetProperty', '(sv)', name, GLib.Variant.parse(None, value, None, None))
-        for fault in case.get('!', []):
-            self.control('FailReads', '(sss)', *(fault.split(' ', 2) + ['', ''])[:3])
+        for line in case.get('!', []):
+            fields = line.split(' ', 2) + ['', '']  # no error or no message: an empty one
+            self.control('FailReads', '(sss)', fields[0], fields[1], fields[2])
         if 'recapture' in case:
-            open(SCENARIO, 'wb').write(subprocess.run([SIM, 'capture', '--address', self.address],
-                                                      capture_output=True, check=True).stdout)
+            capture = subprocess.run([SIM, 'capture', '--address', self.address], capture_output=True,
+                                     check=True)
+            write_file(SCENARIO, capture.stdout)
             self.serve()
 
 
 def exec_without_argv(env):
     """Runs in the child before its exec: no process module of the language execs with no argument vector.
     Linux 5.18 and later hand the program one empty argument instead; older kernels, none at all."""
-    libc, envp = ctypes.CDLL(None), [b'%s=%s' % (k.encode(), v.encode()) for k, v in env.items()] + [None]
-    libc.prctl(1, 9)  # PR_SET_PDEATHSIG: SIGKILL
-    libc.execve(CLIENT.encode(), (ctypes.c_char_p * 1)(None), (ctypes.c_char_p * len(envp))(*envp))
-
-
-def emit(bus, client, kind, text):
-    # scan and wps both listen for ScanResults, wps last of all and after its call
-    member, args = text.split(' ', 1) if ' ' in text else ('ScanResults', None)
-    until(lambda: bus.listening(member), 'the client to listen for ' + member)
-    assert 'libQt5Network' not in open('/proc/%d/maps' % client.pid).read(), 'the waiting client maps QtNetwork'
-    if text == 'restart':
-        bus.serve()
-    elif text == 'drop-bus':
-        bus.daemon.kill()
-    elif kind == '~!':
-        bus.conn.emit_signal(None, KEP[1], KEP[0], member, GLib.Variant.parse(None, args, None, None))
-    else:
-        args = GLib.Variant.parse(None, args, None, None)
-        bus.control('EmitSignal', '(sav)', member, [args.get_child_value(i) for i in range(args.n_children())])
+    libc = ctypes.CDLL(None)
+    variables = [b'%s=%s' % (name.encode(), value.encode()) for name, value in env.items()]
+    envp = (ctypes.c_char_p * (len(variables) + 1))(*variables, None)
+    argv = (ctypes.c_char_p * 1)(None)
+    libc.prctl(PR_SET_PDEATHSIG, int(signal.SIGKILL))
+    libc.execve(CLIENT.encode(), argv, envp)
 
 
 def client_env(bus, case):
-    env = {k: v for k, v in os.environ.items() if not k.startswith('QT_') and k != 'DBUS_SESSION_BUS_ADDRESS'}
-    env.update(DBUS_SYSTEM_BUS_ADDRESS=bus.address, LC_ALL='C.UTF-8',
-               ASAN_OPTIONS=env.get('ASAN_OPTIONS', '') + ':verify_asan_link_order=0')  # faketime preloads first
+    """The environment of a run: the runner's own without Qt's settings and the session bus, the case's bus
+    as the system bus, and the fast clock if the case has one."""
+    env = {name: value for name, value in os.environ.items()
+           if not name.startswith('QT_') and name != 'DBUS_SESSION_BUS_ADDRESS'}
+    env['DBUS_SYSTEM_BUS_ADDRESS'] = bus.address
+    env['LC_ALL'] = 'C.UTF-8'
+    # libfaketime is preloaded ahead of the sanitizers' runtime
+    env['ASAN_OPTIONS'] = env.get('ASAN_OPTIONS', '') + ':verify_asan_link_order=0'
     if 'clock' in case:  # libfaketime itself: the faketime program would fork the client off
-        env.update(FAKETIME='+0 x%d' % SPEED, LD_PRELOAD=glob.glob('/usr/lib/*/faketime/libfaketime.so.1')[0])
+        env['FAKETIME'] = '+0 x%d' % CLOCK_SPEED
+        env['LD_PRELOAD'] = glob.glob('/usr/lib/*/faketime/libfaketime.so.1')[0]
     return env
+
+
+def listened_member(text):
+    """The signal a "~" line waits for the client to listen for."""
+    if ' ' in text:
+        return text.split(' ', 1)[0]
+    return LAST_LISTENED_SIGNAL  # restart, drop-bus
+
+
+def check_no_network_library(client):
+    """Only the IPv4 test links QtNetwork: the client, waiting for the service, has not loaded it."""
+    with open('/proc/%d/maps' % client.pid) as maps:
+        assert 'libQt5Network' not in maps.read(), 'the waiting client maps QtNetwork'
+
+
+def parse_signal(text):
+    """A signal's member and its arguments, a tuple, from "Member (args,)"."""
+    member, args_text = text.split(' ', 1)
+    return member, GLib.Variant.parse(None, args_text, None, None)
+
+
+def unpacked(args):
+    """A tuple's items, each as the variant EmitSignal and EmitSignals take them in."""
+    return [args.get_child_value(index) for index in range(args.n_children())]
+
+
+def stopped(client):
+    """Whether the client has stopped (or ended), its state left for Popen to collect."""
+    flags = os.WSTOPPED | os.WEXITED | os.WNOWAIT | os.WNOHANG
+    return os.waitid(os.P_PID, client.pid, flags) is not None
+
+
+def send_burst(bus, client, burst):
+    """The service's signals back to back, while the client is held: the bus has delivered them all to the
+    client's socket by the time kep-sim answers EmitSignals, after the last of them, so the client reads
+    them in one go once it goes on."""
+    os.kill(client.pid, signal.SIGSTOP)
+    try:
+        until(lambda: stopped(client), 'the client to stop')
+        bus.control('EmitSignals', '(a(sav))', burst)
+    finally:
+        os.kill(client.pid, signal.SIGCONT)
+
+
+def send(bus, client, kind, texts):
+    """What a "~" line and its "~+" lines do once the client listens."""
+    first = texts[0]
+    if first == 'restart':
+        bus.serve()
+    elif first == 'drop-bus':
+        bus.daemon.kill()
+    elif kind == '~!':  # from the runner's own connection, on the service's path and interface
+        member, args = parse_signal(first)
+        bus.conn.emit_signal(None, KEP_PATH, KEP_INTERFACE, member, args)
+    elif len(texts) == 1:
+        member, args = parse_signal(first)
+        bus.control('EmitSignal', '(sav)', member, unpacked(args))
+    else:
+        burst = []
+        for text in texts:
+            member, args = parse_signal(text)
+            burst.append((member, unpacked(args)))
+        send_burst(bus, client, burst)
 
 
 def run_client(bus, case, words):
     env = client_env(bus, case)
-    prog = os.path.join(WORK, case['prog']) if 'prog' in case else CLIENT
-    os.path.lexists(prog) or os.symlink(CLIENT, prog)
-    out, err = (open(os.path.join(WORK, name), 'w+b') for name in ('out', 'err'))
-    started = time.monotonic()
-    client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL, stdout=out,
-                              stderr=err, preexec_fn=(lambda: exec_without_argv(env)) if 'no-argv' in case else None)
-    try:
-        for kind, text in case.get('~', []):
-            emit(bus, client, kind, text)
-        status = client.wait(timeout=120)
-    finally:
-        client.kill()
-    seconds = time.monotonic() - started
-    if 'clock' in case:
-        assert float(case['clock']) <= seconds * SPEED < float(case['clock']) * 4 + 120, \
-            'ended after %.1f of its seconds, not %s' % (seconds * SPEED, case['clock'])
-    out.seek(0)
-    err.seek(0)
-    return status, out.read(), err.read().decode('utf-8', 'replace'), prog, seconds
+    prog = CLIENT
+    if 'prog' in case:  # another name: a link to the client
+        prog = os.path.join(WORK, case['prog'])
+        if not os.path.lexists(prog):
+            os.symlink(CLIENT, prog)
+    without_argv = None
+    if 'no-argv' in case:
+        without_argv = functools.partial(exec_without_argv, env)
+    with open(os.path.join(WORK, 'out'), 'w+b') as out, open(os.path.join(WORK, 'err'), 'w+b') as err:
+        started = time.monotonic()
+        client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL,
+                                  stdout=out, stderr=err, preexec_fn=without_argv)
+        try:
+            for kind, texts in case.get('~', []):
+                for text in texts:
+                    bus.wait_until_listening(listened_member(text))
+                check_no_network_library(client)
+                send(bus, client, kind, texts)
+            status = client.wait(timeout=CLIENT_LIMIT)
+        finally:
+            stop(client)
+        seconds = time.monotonic() - started
+        if 'clock' in case:
+            clock_seconds = float(case['clock'])
+            ended_after = seconds * CLOCK_SPEED
+            assert clock_seconds <= ended_after < clock_seconds * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START, \
+                'ended after %.1f of its seconds, not %s' % (ended_after, case['clock'])
+        out.seek(0)
+        err.seek(0)
+        return Outcome(status, out.read(), err.read().decode('utf-8', 'replace'), prog, seconds)
 
 
-def run_sim(bus, case, words):  # kep-sim with the runner's names in its command line replaced
+def run_sim(bus, case, words):
+    """kep-sim's command line, the runner's names in it replaced."""
     names = {'{scenario}': [SCENARIO], '{recording}': [RECORDING], '{bus}': [bus.address],
              '{kepclient}': WRAPPER + [CLIENT]}
     if '{bus}' in words:
         bus.prepare(case)
+    arguments = []
+    for word in words[1:]:
+        arguments.extend(names.get(word, [word]))
     started = time.monotonic()
-    done = subprocess.run(WITH_US + [SIM] + [part for word in words[1:] for part in names.get(word, [word])],
-                          env=client_env(bus, case), stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
-    return done.returncode, done.stdout, done.stderr.decode('utf-8', 'replace'), '', time.monotonic() - started
+    done = subprocess.run(WITH_US + [SIM] + arguments, env=client_env(bus, case), stdin=subprocess.DEVNULL,
+                          capture_output=True, timeout=SIM_LIMIT)
+    seconds = time.monotonic() - started
+    return Outcome(done.returncode, done.stdout, done.stderr.decode('utf-8', 'replace'), '', seconds)
+
+
+def received_calls(bus):
+    """The calls kep-sim received, written as the case's ">" lines write them."""
+    calls = []
+    for member, signature, body, refused in bus.control('Calls')[0]:
+        mark = '!' if refused else ''
+        calls.append('%s%s %s %s' % (mark, member, signature or '-', body))
+    return calls
+
+
+def expected_stderr(case, blocks, prog):
+    lines = []
+    for line in case.get('|', []):
+        if line.startswith('@'):
+            lines.extend(blocks.get(line[1:], []))
+        else:
+            lines.append(line)
+    text = ''.join(line.replace('⇥', '\t').replace('·', ' ') + '\n' for line in lines)
+    quoted_prog = prog.replace('\\', '\\\\').replace('"', '\\"')  # as the client quotes its name
+    return text.replace('{prog}', quoted_prog).replace('{scenario}', SCENARIO)
 
 
 def run(bus, case, blocks, words):
-    open(SCENARIO, 'w').write(case.get('scenario', "{'silent': <true>}").replace('\\n', '\n'))
+    """One run of a case; an AssertionError says what differed."""
+    write_file(SCENARIO, case.get('scenario', DEFAULT_SCENARIO).replace('\\n', '\n'))
     calls = []
     if words[:1] == ['sim']:
-        status, out, err, prog, seconds = run_sim(bus, case, words)
+        outcome = run_sim(bus, case, words)
     else:
         bus.prepare(case)
-        status, out, err, prog, seconds = run_client(bus, case, words)
-        if 'no-service' not in case and ('~', 'drop-bus') not in case.get('~', []):
-            calls = ['%s%s %s %s' % ('!' * refused, member, sig or '-', body)
-                     for member, sig, body, refused in bus.control('Calls')[0]]
-    expected = ''.join(line.replace('⇥', '\t').replace('·', ' ') + '\n' for line in case.get('|', []) for line in
-                       (blocks.get(line[1:], []) if line.startswith('@') else [line]))
-    expected = expected.replace('{prog}', prog.replace('\\', '\\\\').replace('"', '\\"')).replace('{scenario}', SCENARIO)
+        outcome = run_client(bus, case, words)
+        if 'no-service' not in case and ('~', ['drop-bus']) not in case.get('~', []):
+            calls = received_calls(bus)
     problems = []
-    if status != int(case.get('exit', 0)) or out:
-        problems.append('exit status %d, standard output %r' % (status, out[:200]))
-    for what, seen, wanted in (('standard error', err, expected), ('calls', '\n'.join(calls), '\n'.join(case.get('>', [])))):
+    if outcome.status != int(case.get('exit', 0)) or outcome.stdout:
+        shown = outcome.stdout[:SHOWN_OUTPUT_BYTES]
+        problems.append('exit status %d, standard output %r' % (outcome.status, shown))
+    comparisons = [('standard error', outcome.stderr, expected_stderr(case, blocks, outcome.prog)),
+                   ('calls', '\n'.join(calls), '\n'.join(case.get('>', [])))]
+    for what, seen, wanted in comparisons:
         if seen != wanted:
-            problems.append('%s:\n%s\nexpected:\n%s' % (what, seen[:4000], wanted[:4000]))
-    first = case.setdefault('seconds', seconds)
-    if 'pace' in case and abs(seconds - first) > max(0.1 * first, 0.1):
-        problems.append('took %.2f s, the case\'s first run %.2f s' % (seconds, first))
+            shown_seen = seen[:SHOWN_TEXT_CHARS]
+            shown_wanted = wanted[:SHOWN_TEXT_CHARS]
+            problems.append('%s:\n%s\nexpected:\n%s' % (what, shown_seen, shown_wanted))
+    first = case.setdefault('seconds', outcome.seconds)
+    if 'pace' in case and abs(outcome.seconds - first) > max(PACE_TOLERANCE * first, PACE_SLACK):
+        problems.append('took %.2f s, the case\'s first run %.2f s' % (outcome.seconds, first))
     assert not problems, '\n'.join(problems)
 
 
 def parse(path):
-    cases, case = [], None
-    for number, line in enumerate(open(path, encoding='utf-8').read().splitlines() + [''], 1):
-        tag, _, text = line.partition(' ')
+    """A table's cases, each a dict of its lines by tag, and the named blocks of "|" lines it defines."""
+    with open(path, encoding='utf-8') as table:
+        lines = table.read().splitlines()
+    entries = []
+    current = None
+    for number, line in enumerate(lines + [''], 1):
         if not line.strip():
-            case = None
-        elif not line.startswith('#'):
-            if case is None:
-                case = dict(line=number)
-                cases.append(case)
-            if tag == '&':
-                case[text.partition(' ')[0]] = text.partition(' ')[2]
-            else:  # a signal keeps its tag: ~ the service's, ~! a stranger's
-                case.setdefault(tag[0] if tag[0] == '~' else tag, []).append((tag, text) if tag[0] == '~' else text)
-    blocks = {case['='][0][1:]: case['|'] for case in cases if '=' in case}
-    return [case for case in cases if '=' not in case], blocks
+            current = None
+            continue
+        if line.startswith('#'):
+            continue
+        if current is None:
+            current = {'line': number}
+            entries.append(current)
+        tag, _, text = line.partition(' ')
+        if tag == '&':
+            option, _, value = text.partition(' ')
+            current[option] = value
+        elif tag == '~+':
+            bursts = current.get('~', [])
+            if not bursts or bursts[-1][0] != '~' or ' ' not in bursts[-1][1][0]:
+                raise ValueError('%s:%d: "~+" goes on from a "~" line of the service\'s signals'
+                                 % (path, number))
+            bursts[-1][1].append(text)
+        elif tag.startswith('~'):  # a signal keeps its tag: ~ the service's, ~! a stranger's
+            current.setdefault('~', []).append((tag, [text]))
+        else:
+            current.setdefault(tag, []).append(text)
+    cases = []
+    blocks = {}
+    for entry in entries:
+        if '=' in entry:
+            blocks[entry['='][0][1:]] = entry['|']
+        else:
+            cases.append(entry)
+    return cases, blocks
+
+
+def command_words(command_line):
+    if command_line.startswith('['):
+        return eval(command_line, {'__builtins__': {}})
+    return shlex.split(command_line)
+
+
+def runs(paths):
+    """Every run of every table: the table's name, the case, the table's blocks and the run's words."""
+    for path in paths:
+        cases, blocks = parse(path)
+        for case in cases:
+            for command_line in case.get('$', ['']):
+                yield os.path.basename(path), case, blocks, command_words(command_line)
+
+
+def skipped_under_emulation(case, words):
+    """qemu-user keeps the real clock and an argument vector of its own; a run of kep-sim without the
+    client has nothing to emulate."""
+    if not WRAPPER:
+        return False
+    if {'clock', 'no-argv'} & case.keys():
+        return True
+    return words[:1] == ['sim'] and '{kepclient}' not in words
 
 
 def main():
-    counts, bus = {'ok': 0, 'FAIL': 0, 'skipped': 0}, Bus()
+    counts = {'ok': 0, 'FAIL': 0, 'skipped': 0}
+    bus = Bus()
     try:
-        for path in sys.argv[1:]:
-            cases, blocks = parse(path)
-            for case, words in ((case, words) for case in cases for words in case.get('$') or ['']):
-                words = eval(words, {'__builtins__': {}}) if words.startswith('[') else shlex.split(words)
-                where = '%s:%d %s' % (os.path.basename(path), case['line'], shlex.join(map(str, words))[:60])
-                without_client = words[:1] == ['sim'] and '{kepclient}' not in words
-                if WRAPPER and ({'clock', 'no-argv'} & case.keys() or without_client):
-                    counts['skipped'] += 1  # qemu-user keeps the real clock and an argument vector of its own
-                    continue
-                result, detail = 'ok', ''
-                try:
-                    run(bus, case, blocks, words)
-                except (AssertionError, GLib.Error, subprocess.SubprocessError) as e:
-                    result, detail = 'FAIL', '\n' + str(e)
-                counts[result] += 1
-                print(result, where, detail)
-                if bus.daemon.poll() is not None:  # the case took the bus away
-                    bus.close()
-                    bus = Bus()
+        for table, case, blocks, words in runs(sys.argv[1:]):
+            where = '%s:%d %s' % (table, case['line'], shlex.join(map(str, words))[:SHOWN_WORDS_CHARS])
+            if skipped_under_emulation(case, words):
+                counts['skipped'] += 1
+                continue
+            result = 'ok'
+            detail = ''
+            try:
+                run(bus, case, blocks, words)
+            except (AssertionError, GLib.Error, subprocess.SubprocessError) as error:
+                result = 'FAIL'
+                detail = '\n' + str(error)
+            counts[result] += 1
+            print(result, where, detail)
+            if bus.daemon.poll() is not None:  # the case took the bus away
+                bus.close()
+                bus = Bus()
     finally:
         bus.close()
         shutil.rmtree(WORK)
     print('%(ok)d passed, %(FAIL)d failed, %(skipped)d skipped' % counts)
-    return 1 if counts['FAIL'] else 0
+    if counts['FAIL']:
+        return 1
+    return 0
 
 
 if __name__ == '__main__':
