@@ -9,7 +9,6 @@
 
 #include <gio/gio.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,12 +17,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
-#include <unistd.h>
 #include <vector>
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/common_interface_defs.h>
-#endif
 
 namespace {
 
@@ -88,22 +82,6 @@ GLogWriterOutput keepGlibMessage(GLogLevelFlags level, const GLogField *fields, 
         glibMessages.push_back(text);
     }
     return G_LOG_WRITER_HANDLED;
-}
-
-void sayWhereTheInputIs()
-{
-    const char before[] = "scenario_fuzz: the input that was being read is in ";
-    ssize_t written = write(STDERR_FILENO, before, sizeof before - 1);
-    written = write(STDERR_FILENO, lastInputPath.c_str(), lastInputPath.size());
-    written = write(STDERR_FILENO, "\n", 1);
-    static_cast<void>(written);
-}
-
-void onCrash(int signalNumber)
-{
-    sayWhereTheInputIs();
-    std::signal(signalNumber, SIG_DFL);
-    std::raise(signalNumber);
 }
 
 void writeFile(const std::string &path, const std::string &content)
@@ -440,12 +418,9 @@ int main(int argc, char **argv)
     }
     g_log_set_writer_func(keepGlibMessage, nullptr, nullptr);
     lastInputPath = findings + "/last-input.gv";
-    std::signal(SIGSEGV, onCrash);
-    std::signal(SIGABRT, onCrash);
-    std::signal(SIGBUS, onCrash);
-#if defined(__SANITIZE_ADDRESS__)
-    __sanitizer_set_death_callback(sayWhereTheInputIs);
-#endif
+    // Said before anything is read, so that a crash's output names its cause too.
+    std::printf("scenario_fuzz: the input being read is always in %s\n", lastInputPath.c_str());
+    std::fflush(stdout);
     g_mkdir_with_parents(findings.c_str(), 0700);
     Fuzzer fuzzer(seed, findings);
     int rowCount = 0;
