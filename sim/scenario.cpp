@@ -153,6 +153,7 @@ std::string stepValueText(const Step &step, const StepKey &key)
 }
 
 const char StepWithin[] = "step";
+const char DictionaryType[] = "a{sv}"; // a scenario's, and each step's
 
 // The longest refusal: a longer text in it is cut.
 constexpr size_t MaxQuotedLength = 60;
@@ -199,7 +200,7 @@ public:
         if (!g_utf8_validate(m_text.data(), m_text.size(), &invalid))
             return refuse(invalid - m_text.data(), notText(*invalid));
         size_t at = 0;
-        if (!dictionary(at, ""))
+        if (!dictionary(at, "", DictionaryType))
             return false;
         skipBlanks(at);
         if (at != m_end)
@@ -309,10 +310,10 @@ private:
     }
 
     // The dictionary that begins at `at`, which moves past its end: written {'key': <value>, ...}, or as
-    // GLib also reads it, a list of entries [{'key', <value>}, ...].
-    bool dictionary(size_t &at, const std::string &within)
+    // GLib also reads it, a list of entries [{'key', <value>}, ...]; a type annotation must be `type`.
+    bool dictionary(size_t &at, const std::string &within, const char *type)
     {
-        if (!skipAnnotation(at, "a{sv}"))
+        if (!skipAnnotation(at, type))
             return false;
         skipBlanks(at);
         const bool asList = startsWith(at, '[');
@@ -381,9 +382,9 @@ private:
     bool value(size_t &at, const std::string &name, const KeyMeaning &meaning, const std::string &expected)
     {
         if (meaning.scenarioKey && meaning.scenarioKey->form == Form::Dictionary)
-            return dictionary(at, name);
+            return dictionary(at, name, meaning.type);
         if (meaning.scenarioKey && meaning.scenarioKey->form == Form::Steps)
-            return steps(at);
+            return steps(at, meaning.type);
         const size_t valueAt = at;
         Variant read;
         if (!parsed(at, meaning.type, expected, read))
@@ -424,10 +425,11 @@ private:
         return true;
     }
 
-    // The steps of a dialog, [{...}, ...], beginning at `at`, which moves past the closing bracket.
-    bool steps(size_t &at)
+    // The steps of a dialog, [{...}, ...], beginning at `at`, which moves past the closing bracket; a
+    // type annotation must be `type`.
+    bool steps(size_t &at, const char *type)
     {
-        if (!skipAnnotation(at, "aa{sv}"))
+        if (!skipAnnotation(at, type))
             return false;
         if (!expect(at, '[', "expected a list of steps, [{...}, ...]"))
             return false;
@@ -438,7 +440,7 @@ private:
         while (true) {
             const size_t stepAt = at;
             m_scenario.dialog.emplace_back();
-            if (!dictionary(at, StepWithin))
+            if (!dictionary(at, StepWithin, DictionaryType))
                 return false;
             const Step &step = m_scenario.dialog.back();
             if (step.member.empty())
