@@ -16,8 +16,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-mirror=http://deb.debian.org/debian
 suite=bookworm
+mirror=$(scripts/apt-mirror.sh "$suite")
 scripts/install-deps.sh debootstrap
 
 work=$(mktemp -d)

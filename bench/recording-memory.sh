@@ -11,7 +11,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 # One status run, recorded against a kep-sim of its own.
-"$build/kep-sim" run -- "$build/kep-sim" record --output "$work/one.gv" -- "$build/kepclient" status 2>/dev/null
+"$build/kep-sim" run -- "$build/kep-sim" record --output "$work/one.gv" -- "$build/kepclient" status \
+    2>/dev/null
 python3 - "$work/one.gv" "$runs" "$work/long.gv" <<'PYTHON'
 import sys
 one, runs, out = sys.argv[1], int(sys.argv[2]), sys.argv[3]

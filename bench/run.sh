@@ -102,12 +102,14 @@ start_sim() {
 
 # --- measuring ------------------------------------------------------------------
 # Every command runs with the simulated bus as the system bus.
-gdbus_get="gdbus call --system --dest com.calyra.kep --object-path /com/calyra/kep --method org.freedesktop.DBus.Properties.Get com.calyra.kep Details"
+gdbus_to="gdbus call --system --dest com.calyra.kep --object-path /com/calyra/kep"
+dbussend_to="dbus-send --system --print-reply --dest=com.calyra.kep /com/calyra/kep"
+gdbus_get="$gdbus_to --method org.freedesktop.DBus.Properties.Get com.calyra.kep Details"
 busctl_get="busctl --system get-property com.calyra.kep /com/calyra/kep com.calyra.kep Details"
-dbussend_get="dbus-send --system --print-reply --dest=com.calyra.kep /com/calyra/kep org.freedesktop.DBus.Properties.Get string:com.calyra.kep string:Details"
-gdbus_off="gdbus call --system --dest com.calyra.kep --object-path /com/calyra/kep --method com.calyra.kep.SetOffMode"
+dbussend_get="$dbussend_to org.freedesktop.DBus.Properties.Get string:com.calyra.kep string:Details"
+gdbus_off="$gdbus_to --method com.calyra.kep.SetOffMode"
 busctl_off="busctl --system call com.calyra.kep /com/calyra/kep com.calyra.kep SetOffMode"
-dbussend_off="dbus-send --system --print-reply --dest=com.calyra.kep /com/calyra/kep com.calyra.kep.SetOffMode"
+dbussend_off="$dbussend_to com.calyra.kep.SetOffMode"
 
 # peak_rss CMD...: median of GNU time's maximum resident set size, in kB.
 peak_rss() {
@@ -167,7 +169,13 @@ measure() {
                     awk -F, -v row=$((i + 2)) 'NR == row { print $4, $5, $6 }' "$work/$section.$round.csv"
                 done | awk '{ m[NR] = $1; u[NR] = $2; s[NR] = $3 }
                     function median(a, n,    i, j, t) {
-                        for (i = 2; i <= n; i++) for (j = i; j > 1 && a[j - 1] > a[j]; j--) { t = a[j]; a[j] = a[j - 1]; a[j - 1] = t }
+                        for (i = 2; i <= n; i++) {
+                            for (j = i; j > 1 && a[j - 1] > a[j]; j--) {
+                                t = a[j]
+                                a[j] = a[j - 1]
+                                a[j - 1] = t
+                            }
+                        }
                         return n % 2 ? a[(n + 1) / 2] : (a[n / 2] + a[n / 2 + 1]) / 2
                     }
                     END { best = m[1]; for (i = 2; i <= NR; i++) if (m[i] < best) best = m[i]
@@ -224,9 +232,10 @@ print_section() {
         function ratio(a, b) { return (a > 0 && b > 0) ? sprintf("%.2f", a / b) : "-" }
         END {
             printf "| %-34s | %9s | %8s | %7s | %7s | %7s | %8s | %11s | %8s | %13s | %8s |\n", "command", \
-                "median ms", "kep/this", "user ms", "sys ms", "best ms", "kep/this", "peak RSS kB", "kep/this", \
-                "instructions", "kep/this"
-            printf "|:-----------------------------------|----------:|---------:|--------:|--------:|--------:|"
+                "median ms", "kep/this", "user ms", "sys ms", "best ms", "kep/this", "peak RSS kB", \
+                "kep/this", "instructions", "kep/this"
+            printf "|:-----------------------------------|----------:|---------:|--------:|--------:|"
+            printf "--------:|"
             printf "---------:|------------:|---------:|--------------:|---------:|\n"
             for (i = 1; i <= n; i++)
                 printf "| %-34s | %9.2f | %8s | %7.2f | %7.2f | %7.2f | %8s | %11s | %8s | %13s | %8s |\n", \
@@ -252,10 +261,12 @@ compare() {
 
 echo "# kepclient benchmark"
 echo
-echo "$(date -u +%Y-%m-%dT%H:%MZ), $(nproc) CPUs, kernel $(uname -r), Qt $(dpkg-query -W -f='${Version}' libqt5core5a 2>/dev/null)"
+qt_version=$(dpkg-query -W -f='${Version}' libqt5core5a 2>/dev/null)
+echo "$(date -u +%Y-%m-%dT%H:%MZ), $(nproc) CPUs, kernel $(uname -r), Qt $qt_version"
 echo "client: $client"
 echo "kep/this: kepclient's figure divided by this command's (below 1: kepclient needs less)"
-echo "times: hyperfine -N, $short_rounds round(s) of ${short[*]} (one-shot), $long_rounds of ${long[*]} (large status, scan),"
+echo "times: hyperfine -N, $short_rounds round(s) of ${short[*]} (one-shot)," \
+    "$long_rounds of ${long[*]} (large status, scan),"
 echo "       median of the round medians; best: the fastest round's median; output to /dev/null"
 echo "peak RSS: GNU time %M, median of $rss_runs runs; instructions: callgrind Ir of one run, all threads"
 echo "floor-dbus get: QCoreApplication, QDBusConnection::systemBus(), one blocking Properties.Get of Details;"

@@ -65,13 +65,16 @@ EOF
 
 awk 'BEGIN {
     n = 20000
-    printf "{\x27silent\x27: <true>, \x27Details\x27: <{\x27State\x27: <\x27connected\x27>, \x27Mode\x27: <\x27automatic\x27>,"
+    printf "{\x27silent\x27: <true>, \x27Details\x27: <{\x27State\x27: <\x27connected\x27>,"
+    printf " \x27Mode\x27: <\x27automatic\x27>,"
     printf " \x27Neighbours\x27: <{"
     for (i = 0; i < n; i++) {
-        printf "%s\n\x27host-%05d\x27: <{\x27Address\x27: <\x2710.%d.%d.%d\x27>, \x27Mac\x27: <\x2702:4b:00:%02x:%02x:%02x\x27>, ", \
-            (i ? "," : ""), i, int(i / 65536) % 256, int(i / 256) % 256, i % 256, \
+        printf "%s\n\x27host-%05d\x27: <{\x27Address\x27: <\x2710.%d.%d.%d\x27>, ", \
+            (i ? "," : ""), i, int(i / 65536) % 256, int(i / 256) % 256, i % 256
+        printf "\x27Mac\x27: <\x2702:4b:00:%02x:%02x:%02x\x27>, ", \
             int(i / 65536) % 256, int(i / 256) % 256, i % 256
-        printf "\x27Interface\x27: <\x27%s\x27>, \x27LastSeen\x27: <%d>}>", (i % 3 ? "mlan0" : "eth0"), (i * 7919) % 86400
+        printf "\x27Interface\x27: <\x27%s\x27>, \x27LastSeen\x27: <%d>}>", \
+            (i % 3 ? "mlan0" : "eth0"), (i * 7919) % 86400
     }
     printf "\n}>}>}\n"
 }' >"$dir/large.gv"
@@ -81,9 +84,9 @@ awk 'BEGIN {
     printf "{\x27scan\x27: <{\x27delay-ms\x27: <uint32 0>, \x27results\x27: <{"
     for (i = 0; i < n; i++) {
         band = i % 4 == 0
-        printf "%s\n\x27Network-%04d\x27: <{\x27Bssid\x27: <\x2702:11:%02x:%02x:%02x:%02x\x27>, \x27SignalStrength\x27: <%d>, ", \
-            (i ? "," : ""), i, int(i / 16777216) % 256, int(i / 65536) % 256, int(i / 256) % 256, i % 256, \
-            -30 - (i * 37) % 61
+        printf "%s\n\x27Network-%04d\x27: <{\x27Bssid\x27: <\x2702:11:%02x:%02x:%02x:%02x\x27>, ", \
+            (i ? "," : ""), i, int(i / 16777216) % 256, int(i / 65536) % 256, int(i / 256) % 256, i % 256
+        printf "\x27SignalStrength\x27: <%d>, ", -30 - (i * 37) % 61
         printf "\x27Frequency\x27: <uint32 %d>, \x27Security\x27: <\x27%s\x27>}>", \
             (band ? 5180 + 20 * (i % 8) : 2412 + 5 * (i % 13)), (i % 5 == 0 ? "unsecured" : "wpa_psk")
     }

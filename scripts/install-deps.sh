@@ -14,7 +14,9 @@ if [ "${1:-}" = --update ]; then
     update=1
     shift
 fi
-packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools libglib2.0-dev pkg-config dbus-daemon dbus-bin util-linux faketime python3-gi file man-db groff-base lintian libglib2.0-bin "$@")
+packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools libglib2.0-dev pkg-config
+          dbus-daemon dbus-bin util-linux faketime python3-gi file man-db groff-base lintian libglib2.0-bin
+          "$@")
 
 missing=()
 for p in "${packages[@]}"; do
@@ -56,7 +58,8 @@ done
 # apt-get install waits for dpkg's lock itself, for the time that remains.
 remaining=$((deadline - SECONDS))
 [ "$remaining" -gt 0 ] || remaining=1
-if ! "${apt[@]}" -o DPkg::Lock::Timeout="$remaining" install -y --no-install-recommends "${missing[@]}" >"$log" 2>&1; then
+install=("${apt[@]}" -o DPkg::Lock::Timeout="$remaining" install -y --no-install-recommends)
+if ! "${install[@]}" "${missing[@]}" >"$log" 2>&1; then
     grep -q 'Could not get lock\|Unable to acquire the dpkg frontend lock' "$log" && give_up
     cat "$log" >&2
     echo "install-deps: apt-get install failed" >&2

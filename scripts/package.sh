@@ -21,7 +21,8 @@ say() { echo "package: $*" >&2; }
 SOURCE_DATE_EPOCH=$(git log -1 --format=%ct)
 export SOURCE_DATE_EPOCH
 if [ -n "$(git status --porcelain --untracked-files=no)" ]; then
-    say "warning: the work tree differs from commit $(git rev-parse --short HEAD); the packages hold the changes"
+    say "warning: the work tree differs from commit $(git rev-parse --short HEAD);" \
+        "the packages hold the changes"
 fi
 
 configure=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF)

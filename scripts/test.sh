@@ -1,14 +1,18 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the whole test suite: on a plain
-# build; on this machine's release packages (scripts/package.sh), built twice
-# to show they are reproducible; on a build with AddressSanitizer and UBSan;
+# Installs what is missing, checks the style, builds, and runs the whole test suite: on a plain
+# build; on this machine's release packages (scripts/package.sh), installed and purged by piuparts
+# and built twice to show they are reproducible; on a build with AddressSanitizer and UBSan;
 # and the end-to-end suites once more with the armhf kepclient of the armhf
 # release build under qemu-arm, and the armhf packages.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# hardening-check (devscripts) and gdb-multiarch for the package test.
-scripts/install-deps.sh devscripts gdb-multiarch
+# hardening-check (devscripts) and gdb-multiarch for the package test, piuparts and adequate for
+# installing the packages, clang-format and pycodestyle for the style check.
+scripts/install-deps.sh devscripts gdb-multiarch piuparts adequate clang-format pycodestyle
+
+echo "== style =="
+scripts/style.sh
 jobs=$(nproc)
 arch=$(dpkg --print-architecture)
 # ctest names a skipped test only; the reason is in the test's output.
@@ -24,6 +28,7 @@ echo "== release packages, $arch =="
 scripts/package.sh
 version=$(sed -n 's/^Version: //p' build-release/debian-control/kepclient.control)
 tests/package_test.sh dist "$arch" "$version"
+tests/piuparts_test.sh dist "$arch" "$version"
 tests/reproducible_test.sh dist "$arch"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
