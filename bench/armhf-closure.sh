@@ -39,8 +39,11 @@ Debug::NoLocking "true";
 EOF
 export APT_CONFIG=$work/apt.conf
 
-debootstrap --print-debs --variant=minbase --arch=armhf "$suite" "$work/target" "$mirror" \
-    >"$work/minbase" 2>"$work/debootstrap.log" || { cat "$work/debootstrap.log" >&2; exit 1; }
+if ! debootstrap --print-debs --variant=minbase --arch=armhf "$suite" "$work/target" "$mirror" \
+    >"$work/minbase" 2>"$work/debootstrap.log"; then
+    cat "$work/debootstrap.log" >&2
+    exit 1
+fi
 : >"$work/state/status"
 apt-get update -qq
 read -r -d "" -a minbase <"$work/minbase" || true

@@ -36,10 +36,17 @@ done
 # of the machine. A command's time is the median of its round medians.
 # Many short rounds for the one-shot commands: their goals are ratios of a
 # few per cent, and the machine's speed drifts by more than that.
+long=(--warmup 1 --runs 3)
 if [ $quick -eq 1 ]; then
-    short=(--warmup 2 --runs 10); short_rounds=1; long=(--warmup 1 --runs 3); long_rounds=1; rss_runs=3
+    short=(--warmup 2 --runs 10)
+    short_rounds=1
+    long_rounds=1
+    rss_runs=3
 else
-    short=(--warmup 3 --runs 15); short_rounds=10; long=(--warmup 1 --runs 3); long_rounds=5; rss_runs=9
+    short=(--warmup 3 --runs 15)
+    short_rounds=10
+    long_rounds=5
+    rss_runs=9
 fi
 
 say() { echo "bench: $*" >&2; }
@@ -140,10 +147,16 @@ lines_printed() {
 # Appends a row per command to $work/rows, fields separated by |:
 #   section|label|median s|user s|system s|peak RSS kB|instructions|fastest round s
 measure() {
-    local section=$1 runs_name=$2 with_ir=$3; shift 3
+    local section=$1
+    local runs_name=$2
+    local with_ir=$3
+    shift 3
     local -n runs_ref=$runs_name
     local -n rounds=${runs_name}_rounds
-    local labels=() commands=() words=() pair
+    local labels=()
+    local commands=()
+    local words=()
+    local pair
     for pair in "$@"; do
         labels+=("${pair%%=*}")
         commands+=("${pair#*=}")
@@ -151,9 +164,11 @@ measure() {
     say "measuring: $section"
     local round
     for round in $(seq $rounds); do
-        DBUS_SYSTEM_BUS_ADDRESS=$address hyperfine -N --style none "${runs_ref[@]}" \
-            --export-csv "$work/$section.$round.csv" "${commands[@]}" >/dev/null 2>"$work/hyperfine.log" \
-            || { cat "$work/hyperfine.log" >&2; exit 1; }
+        if ! DBUS_SYSTEM_BUS_ADDRESS=$address hyperfine -N --style none "${runs_ref[@]}" \
+            --export-csv "$work/$section.$round.csv" "${commands[@]}" >/dev/null 2>"$work/hyperfine.log"; then
+            cat "$work/hyperfine.log" >&2
+            exit 1
+        fi
     done
     local i rss ir times
     for i in "${!commands[@]}"; do
@@ -188,7 +203,10 @@ measure() {
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 start_sim typical
 typical_lines=$(lines_printed "$client" status)
-[ "$typical_lines" -gt 0 ] || { echo "bench/run.sh: kepclient status printed nothing" >&2; exit 1; }
+if [ "$typical_lines" -eq 0 ]; then
+    echo "bench/run.sh: kepclient status printed nothing" >&2
+    exit 1
+fi
 measure status short 1 \
     "kepclient status=$q_client status" \
     "floor-dbus print=$q_floor_dbus print" \
@@ -219,7 +237,8 @@ measure scan long 0 \
 
 # --- the report ------------------------------------------------------------------
 print_section() {
-    local section=$1 title=$2
+    local section=$1
+    local title=$2
     echo
     echo "## $title"
     echo

@@ -31,8 +31,13 @@ dev_packages=(qtbase5-dev qt5-qmake)
 # are for the test suite (BUILD_TESTING=ON); kep-sim is built on GLib's GDBus.
 closure_roots=(libqt5core5a libqt5dbus5 libqt5network5 libqt5test5 libglib2.0-dev)
 
-say() { echo "cross-prepare: $*" >&2; }
-die() { say "error: $*"; exit 1; }
+say() {
+    echo "cross-prepare: $*" >&2
+}
+die() {
+    say "error: $*"
+    exit 1
+}
 
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"

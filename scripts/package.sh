@@ -52,7 +52,9 @@ rm -f dist/*_"$arch".deb
 # build PACKAGE [CONTROL-LINE...]: dist/PACKAGE_<version>_<arch>.deb from
 # $stage/PACKAGE, with the configured control file and the lines given.
 build() {
-    local package=$1 root=$stage/$1 size
+    local package=$1
+    local root=$stage/$1
+    local size
     shift
     mkdir -p "$root/DEBIAN"
     # Modes as Debian wants them, whatever the umask of the build.
@@ -65,8 +67,11 @@ build() {
     # Installed-Size as dpkg-gencontrol counts it: KiB per file, one per directory and link.
     size=$(find "$root" -path "$root/DEBIAN" -prune -o -printf '%y %s\n' |
         awk '$1 == "f" { s += int(($2 + 1023) / 1024); next } { s += 1 } END { print s }')
-    { cat "$builddir/debian-control/$package.control"; echo "Installed-Size: $size"; printf '%s\n' "$@"; } \
-        >"$root/DEBIAN/control"
+    {
+        cat "$builddir/debian-control/$package.control"
+        echo "Installed-Size: $size"
+        printf '%s\n' "$@"
+    } >"$root/DEBIAN/control"
     chmod 644 "$root/DEBIAN/control"
     find "$root" -exec touch --no-dereference --date="@$SOURCE_DATE_EPOCH" {} +
     dpkg-deb --root-owner-group -Zxz --build "$root" dist/ >/dev/null
@@ -76,7 +81,10 @@ while read -r package component; do
     DESTDIR=$PWD/$stage/$package cmake --install "$builddir" --component "$component" >/dev/null
     program=$stage/$package/usr/bin/$package
     id=$(LC_ALL=C readelf -n "$program" | sed -n 's/^ *Build ID: *\([0-9a-f]*\)$/\1/p')
-    [ ${#id} -gt 2 ] || { say "$program has no build-id"; exit 1; }
+    if [ ${#id} -le 2 ]; then
+        say "$program has no build-id"
+        exit 1
+    fi
     # As Debian's dh_strip: the debug information, compressed, under the
     # build-id, where gdb looks for it; the program without it.
     debug=$stage/$package-dbgsym/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug

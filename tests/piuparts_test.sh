@@ -46,7 +46,8 @@ clean_up() {
 }
 trap clean_up EXIT
 # apt's own downloader, with apt's own proxy settings: what the chroot's apt will meet.
-if ! /usr/lib/apt/apt-helper download-file "$mirror/dists/$suite/Release" "$work/Release" >/dev/null 2>&1; then
+apt_helper=/usr/lib/apt/apt-helper
+if ! "$apt_helper" download-file "$mirror/dists/$suite/Release" "$work/Release" >/dev/null 2>&1; then
     skip "the mirror $mirror does not answer"
 fi
 
