@@ -18,7 +18,8 @@ if ! pycodestyle --max-line-length="$max_line" "${python_files[@]}"; then
     failed=1
 fi
 
-mapfile -t build_files < <(git ls-files '*.sh' '*.bash' '*.cmake' 'CMakeLists.txt' '*/CMakeLists.txt' '.ci/run')
+mapfile -t build_files < <(git ls-files '*.sh' '*.bash' '*.cmake' 'CMakeLists.txt' '*/CMakeLists.txt' \
+    '.ci/run')
 long_lines=$(awk -v max="$max_line" 'length > max { print FILENAME ":" FNR ": over " max " characters" }' \
     "${build_files[@]}")
 if [ -n "$long_lines" ]; then
