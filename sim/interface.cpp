@@ -9,7 +9,8 @@ const char SimXml[] = R"xml(<node><interface name="com.calyra.kep.Sim">
   <method name="SetProperty"><arg name="name" type="s"/><arg name="value" type="v"/></method>
   <method name="EmitSignal"><arg name="name" type="s"/><arg name="args" type="av"/></method>
   <method name="EmitSignals"><arg name="signals" type="a(sav)"/></method>
-  <method name="FailReads"><arg name="name" type="s"/><arg name="error" type="s"/><arg name="message" type="s"/></method>
+  <method name="FailReads"><arg name="name" type="s"/><arg name="error" type="s"/>
+    <arg name="message" type="s"/></method>
   <method name="Calls"><arg name="calls" type="a(sssb)" direction="out"/></method>
   <method name="ClearCalls"/>
 </interface></node>)xml";
