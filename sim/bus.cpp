@@ -8,8 +8,12 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -25,6 +29,9 @@ constexpr guint32 PrimaryOwner = 1;
 
 // How long COMMAND has to end after SIGTERM before it gets SIGKILL.
 constexpr guint StopGraceSeconds = 3;
+
+// How often what COMMAND left running is looked for again while it ends.
+constexpr gulong LeftoverPollMicroseconds = 20000;
 
 // What kep-sim's signals exit with, as a shell reports SIGINT.
 constexpr int InterruptedStatus = 130;
@@ -51,29 +58,114 @@ std::string firstLine(int fd)
 struct Run {
     GMainLoop *loop = nullptr;
     GPid commandPid = 0;
+    GPid busPid = 0; // kep-sim's own bus: not one of the command's processes
     int commandStatus = 0;
     bool interrupted = false;
+    bool busGone = false;
+    guint killTimer = 0; // SIGKILL for what is left of the command
 };
 
 Run run;
 
+// What the stop signals do now.
+std::function<void()> stopAction;
+
+gboolean onSignal(gpointer)
+{
+    if (stopAction)
+        stopAction();
+    return G_SOURCE_CONTINUE;
+}
+
+// The fields of /proc/PID/stat after the program's name, which may itself hold blanks and parentheses.
+bool parentOf(const char *pid, GPid &parent)
+{
+    g_autofree char *path = g_build_filename("/proc", pid, "stat", nullptr);
+    g_autofree char *stat = nullptr;
+    if (!g_file_get_contents(path, &stat, nullptr, nullptr))
+        return false; // ended meanwhile
+    const char *nameEnd = std::strrchr(stat, ')');
+    char state = '\0';
+    int parentPid = 0;
+    if (!nameEnd || std::sscanf(nameEnd + 1, " %c %d", &state, &parentPid) != 2)
+        return false;
+    parent = parentPid;
+    return true;
+}
+
+// The command's processes: every process below kep-sim but its own bus. Those whose parents have ended
+// are below it too: kep-sim is their subreaper.
+std::vector<GPid> commandProcesses()
+{
+    std::multimap<GPid, GPid> childrenOf;
+    g_autoptr(GDir) proc = g_dir_open("/proc", 0, nullptr);
+    if (!proc)
+        return {};
+    for (const char *name = g_dir_read_name(proc); name; name = g_dir_read_name(proc)) {
+        GPid parent = 0;
+        const bool isProcess = std::strspn(name, "0123456789") == std::strlen(name);
+        if (isProcess && parentOf(name, parent))
+            childrenOf.emplace(parent, GPid(std::atoi(name)));
+    }
+    std::vector<GPid> found;
+    std::vector<GPid> toVisit = {getpid()};
+    while (!toVisit.empty()) {
+        const GPid parent = toVisit.back();
+        toVisit.pop_back();
+        const auto children = childrenOf.equal_range(parent);
+        for (auto child = children.first; child != children.second; ++child) {
+            if (child->second == run.busPid)
+                continue;
+            found.push_back(child->second);
+            toVisit.push_back(child->second);
+        }
+    }
+    return found;
+}
+
+void signalCommand(int signal)
+{
+    for (GPid pid : commandProcesses())
+        kill(pid, signal);
+}
+
 gboolean killCommand(gpointer)
 {
-    kill(run.commandPid, SIGKILL);
+    run.killTimer = 0;
+    signalCommand(SIGKILL);
     return G_SOURCE_REMOVE;
 }
 
-gboolean onStopSignal(gpointer)
+// SIGTERM to the command's processes now, SIGKILL to those left after the grace time. Its end quits the
+// loop.
+void endCommand()
+{
+    signalCommand(SIGTERM);
+    if (!run.killTimer)
+        run.killTimer = g_timeout_add_seconds(StopGraceSeconds, killCommand, nullptr);
+}
+
+void onStop()
 {
     run.interrupted = true;
     if (!run.commandPid) {
         g_main_loop_quit(run.loop);
-        return G_SOURCE_CONTINUE;
+        return;
     }
-    // The command's end quits the loop.
-    if (kill(run.commandPid, SIGTERM) == 0)
-        g_timeout_add_seconds(StopGraceSeconds, killCommand, nullptr);
-    return G_SOURCE_CONTINUE;
+    endCommand();
+}
+
+void onBusClosed()
+{
+    if (run.busGone)
+        return;
+    run.busGone = true;
+    fail(std::string("the bus it serves ") + kep::ServiceName + " on has gone away");
+    if (!run.commandPid) {
+        g_main_loop_quit(run.loop);
+        return;
+    }
+    endCommand();
 }
 
 void onCommandEnd(GPid pid, int status, gpointer)
@@ -84,6 +176,31 @@ void onCommandEnd(GPid pid, int status, gpointer)
         run.commandStatus = SignalStatusBase + WTERMSIG(status);
     g_spawn_close_pid(pid);
     g_main_loop_quit(run.loop);
+}
+
+// In the command's process before it runs: it is ended if kep-sim dies first.
+void endWithKepSim(gpointer)
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
+
+// Once the command has ended: what it started and left running gets SIGTERM, then SIGKILL after the
+// grace time; all are waited for.
+void endLeftovers()
+{
+    const gint64 graceEnd = g_get_monotonic_time() + StopGraceSeconds * G_USEC_PER_SEC;
+    std::vector<GPid> left = commandProcesses();
+    while (!left.empty()) {
+        int signal = SIGTERM;
+        if (g_get_monotonic_time() >= graceEnd)
+            signal = SIGKILL;
+        for (GPid pid : left) {
+            kill(pid, signal);
+            waitpid(pid, nullptr, WNOHANG); // those whose parent has ended are kep-sim's to wait for
+        }
+        g_usleep(LeftoverPollMicroseconds);
+        left = commandProcesses();
+    }
 }
 
 using Action = std::function<void()>;
@@ -179,25 +296,46 @@ bool ownName(GDBusConnection *bus, bool system)
     return false;
 }
 
-int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address)
+void onStopSignal(std::function<void()> action)
+{
+    static bool watching = false;
+    stopAction = std::move(action);
+    if (watching)
+        return;
+    watching = true;
+    for (int stopSignal : {SIGINT, SIGTERM, SIGHUP})
+        g_unix_signal_add(stopSignal, onSignal, nullptr);
+}
+
+int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid)
 {
     run.loop = g_main_loop_new(nullptr, FALSE);
-    for (int stopSignal : {SIGINT, SIGTERM, SIGHUP})
-        g_unix_signal_add(stopSignal, onStopSignal, nullptr);
-    g_signal_connect_swapped(served, "closed", G_CALLBACK(g_main_loop_quit), run.loop);
+    run.busPid = busPid;
+    onStopSignal(onStop);
+    const gulong closedHandler = g_signal_connect_swapped(served, "closed", G_CALLBACK(onBusClosed), nullptr);
     if (!command.empty()) {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
         g_autoptr(GError) error = nullptr;
         g_auto(GStrv) environment
             = g_environ_setenv(g_get_environ(), "DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), TRUE);
         const auto flags = G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_CHILD_INHERITS_STDIN;
-        const bool spawned = g_spawn_async(nullptr, const_cast<char **>(command.data()), environment,
-                                           GSpawnFlags(flags), nullptr, nullptr, &run.commandPid, &error);
+        const bool spawned
+            = g_spawn_async(nullptr, const_cast<char **>(command.data()), environment, GSpawnFlags(flags),
+                            endWithKepSim, nullptr, &run.commandPid, &error);
         if (!spawned)
             return fail(error->message, CannotRunStatus);
         g_child_watch_add(run.commandPid, onCommandEnd, nullptr);
     }
     g_main_loop_run(run.loop);
+    if (run.killTimer)
+        g_source_remove(run.killTimer);
+    g_signal_handler_disconnect(served, closedHandler);
+    onStopSignal(nullptr);
     g_main_loop_unref(run.loop);
+    if (!command.empty())
+        endLeftovers();
+    if (run.busGone)
+        return BusFailureStatus;
     if (run.interrupted)
         return InterruptedStatus;
     return run.commandStatus;

@@ -9,6 +9,9 @@
 #include <string>
 #include <vector>
 
+// What kep-sim exits with when a bus fails it.
+constexpr int BusFailureStatus = 1;
+
 // A dbus-daemon of kep-sim's own that anyone may use, for as long as the object lives.
 class PrivateBus
 {
@@ -16,6 +19,7 @@ public:
     ~PrivateBus();
     bool start(); // false, with the problem said, when it could not
     const std::string &address() const { return m_address; }
+    GPid pid() const { return m_daemonPid; }
 
 private:
     GPid m_daemonPid = 0;
@@ -36,9 +40,14 @@ bool ownName(GDBusConnection *bus, bool system);
 using CommandLine = std::vector<char *>;
 
 // Runs the main loop until SIGINT, SIGTERM or SIGHUP or until the connection `served` closes, or with a
-// command until that command ends, the system bus for it being the one at `address`. Gives back the
-// command's exit status, 130 if it was stopped by a signal to kep-sim, and 0 without a command.
-int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address);
+// command until that command ends, the system bus for it being the one at `address`. The signals, and the
+// end of `served`, end the command and every process it started; so does the command's end, for those
+// still running. Gives back the command's exit status, 130 if it was stopped by a signal to kep-sim, 1 if
+// `served` closed, and 0 without a command. `busPid`, kep-sim's own bus, is spared.
+int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid);
+
+// What SIGINT, SIGTERM and SIGHUP do from now on, once the main loop runs; nothing, with no action.
+void onStopSignal(std::function<void()> action);
 
 // Runs `action` on the main loop after `ms` milliseconds; may be called from any thread.
 void later(guint ms, std::function<void()> action);

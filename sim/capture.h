@@ -7,8 +7,9 @@
 #include <string>
 #include <vector>
 
-// Every readable property of the service on `bus`, in the interface file's order. Those it could not
-// read are left out, with a line each in `leftOut`, and it gives false.
+// Every readable property of the service on `bus`, in the interface file's order. All are asked for at
+// once, and each may take a few seconds at most; SIGINT, SIGTERM or SIGHUP end the wait. Those it could
+// not read are left out, with a line each in `leftOut`, and it gives false.
 bool captureProperties(GDBusConnection *bus, std::vector<Entry> &properties, std::string &leftOut);
 
 #endif

@@ -4,7 +4,9 @@
 #include "sim/bus.h"
 #include "sim/capture.h"
 #include "sim/message.h"
+#include "sim/output.h"
 #include "sim/record.h"
+#include "sim/secrets.h"
 #include "sim/service.h"
 
 #include <cstdio>
@@ -14,16 +16,17 @@ namespace {
 const char Usage[] = R"(Usage: kep-sim [--scenario FILE] [--trace] run [--] COMMAND [ARGS...]
        kep-sim [--scenario FILE] [--trace] [serve] [--system | --address ADDRESS]
        kep-sim [--scenario FILE] check
-       kep-sim capture [--system | --address ADDRESS]
-       kep-sim record [--system | --address ADDRESS] --output FILE [--] COMMAND [ARGS...]
+       kep-sim capture [--system | --address ADDRESS] [--keep-secrets] [--output FILE]
+       kep-sim record [--system | --address ADDRESS] [--keep-secrets] --output FILE [--] COMMAND [ARGS...]
 run: serve on a private bus while COMMAND runs with DBUS_SYSTEM_BUS_ADDRESS set to it. serve: print
 DBUS_SYSTEM_BUS_ADDRESS=... once up. --trace: calls and signals on stderr. capture: the service's
-state as a scenario. record: COMMAND's dialog with the service as a scenario. See kep-sim(1).
+state as a scenario. record: COMMAND's dialog with the service as a scenario. Both leave out Wi-Fi
+keys, passphrases and PINs unless --keep-secrets, and write FILE for its owner only. See kep-sim(1).
 )";
 
-// Exit statuses of kep-sim's own: a bus failure is 1.
+// Exit statuses of kep-sim's own; a bus failure is BusFailureStatus.
 constexpr int UsageStatus = 2;
-constexpr int BusFailureStatus = 1;
+constexpr int WriteFailureStatus = 1;
 
 struct Options {
     std::string word; // run, serve, check, capture, record or --help
@@ -32,6 +35,7 @@ struct Options {
     std::string output;
     bool system = false;
     bool trace = false;
+    bool keepSecrets = false;
     CommandLine command; // run and record
 };
 
@@ -60,6 +64,8 @@ bool parse(int argc, char **argv, Options &options)
             options.system = true;
         } else if (arg == "--trace") {
             options.trace = true;
+        } else if (arg == "--keep-secrets") {
+            options.keepSecrets = true;
         } else if (options.word.empty() && isWord(arg)) {
             options.word = arg;
         } else if (options.word == "run" || options.word == "record") { // the rest is the command
@@ -76,12 +82,16 @@ bool parse(int argc, char **argv, Options &options)
         options.word = "serve";
     const bool takesBus = options.word == "serve" || options.word == "capture" || options.word == "record";
     const bool takesCommand = options.word == "run" || options.word == "record";
-    const bool takesOutput = options.word == "record";
+    const bool takesFile = options.word == "record" || options.word == "capture";
     if (options.word.empty() || (options.system && !options.address.empty()) || (busGiven && !takesBus))
         return false;
     if (takesCommand && options.command.size() < 2)
         return false;
-    return options.output.empty() != takesOutput;
+    if (options.keepSecrets && !takesFile)
+        return false;
+    if (options.word == "record")
+        return !options.output.empty();
+    return takesFile || options.output.empty();
 }
 
 // The bus a service is looked for on: the one given, else the system bus.
@@ -117,20 +127,32 @@ int serve(const Options &options, Scenario scenario)
         std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
         std::fflush(stdout);
     }
-    const int commandStatus = runLoop(bus, options.command, address);
+    const int commandStatus = runLoop(bus, options.command, address, privateBus.pid());
     g_dbus_connection_close_sync(bus, nullptr, nullptr);
-    if (!running)
+    if (!running && commandStatus != BusFailureStatus)
         return 0;
     return commandStatus;
 }
 
+// What kep-sim took out of a file it wrote, said on standard error.
+void saySecretsRemoved(size_t removed)
+{
+    if (removed == 0)
+        return;
+    const char *secrets = "secrets";
+    if (removed == 1)
+        secrets = "secret";
+    std::fprintf(stderr, "kep-sim: %zu %s removed; --keep-secrets keeps them\n", removed, secrets);
+}
+
 // COMMAND's dialog with the service, and the state of the service once COMMAND has ended (what the
-// simulated service goes on from once the dialog is played), as one scenario in --output.
+// simulated service goes on from once the dialog is played), as one scenario in --output. Nothing is
+// written there before COMMAND can start.
 int record(const Options &options)
 {
-    g_autoptr(GError) error = nullptr;
-    if (!g_file_set_contents(options.output.c_str(), "", 0, &error))
-        return fail(error->message);
+    OutputFile output(options.output);
+    if (!output.create())
+        return WriteFailureStatus;
     PrivateBus privateBus;
     if (!privateBus.start())
         return BusFailureStatus;
@@ -138,21 +160,23 @@ int record(const Options &options)
     g_autoptr(GDBusConnection) program = connectTo(privateBus.address());
     if (!service || !program)
         return BusFailureStatus;
-    Recorder recorder(service, program);
-    recorder.start();
     if (!ownName(program, false))
         return BusFailureStatus;
-    const int commandStatus = runLoop(program, options.command, privateBus.address());
-    // The dialog has what the service refused to read, so those are left out without a word.
+    Recorder recorder(service, program, output, options.keepSecrets);
+    if (!recorder.start())
+        return WriteFailureStatus;
+    const int commandStatus = runLoop(program, options.command, privateBus.address(), privateBus.pid());
     std::vector<Entry> properties;
     std::string leftOut;
     captureProperties(service, properties, leftOut);
-    const std::string recording = scenarioText(properties, recorder.dialog());
-    if (!g_file_set_contents(options.output.c_str(), recording.c_str(), -1, &error))
-        return fail(error->message);
+    std::fputs(leftOut.c_str(), stderr);
+    if (!recorder.finish(properties))
+        return WriteFailureStatus;
+    saySecretsRemoved(recorder.secretsRemoved());
     return commandStatus;
 }
 
+// The service's state as a scenario, on standard output or in --output.
 int capture(const Options &options)
 {
     g_autoptr(GDBusConnection) bus = connectTo(serviceBus(options));
@@ -162,7 +186,21 @@ int capture(const Options &options)
     std::string leftOut;
     const bool complete = captureProperties(bus, properties, leftOut);
     std::fputs(leftOut.c_str(), stderr);
-    std::fputs(scenarioText(properties).c_str(), stdout);
+    SecretRemover remover;
+    if (!options.keepSecrets) {
+        for (Entry &property : properties)
+            property.second = remover.removedFrom(property.first, property.second.get());
+    }
+    const std::string scenario = scenarioText(properties);
+    if (options.output.empty()) {
+        std::fputs(scenario.c_str(), stdout);
+        std::fflush(stdout);
+    } else {
+        OutputFile output(options.output);
+        if (!output.create() || !output.append(scenario) || !output.place())
+            return WriteFailureStatus;
+    }
+    saySecretsRemoved(remover.removed());
     if (!complete)
         return BusFailureStatus;
     return 0;
@@ -188,6 +226,10 @@ int main(int argc, char **argv)
     if (!loadScenario(options.scenario, scenario, message)) {
         std::fprintf(stderr, "%s\n", message.c_str());
         return UsageStatus;
+    }
+    if (scenario.cutShort) {
+        std::fprintf(stderr, "kep-sim: %s was cut short: its %zu whole steps are played\n",
+                     shown(options.scenario).c_str(), scenario.dialog.size());
     }
     if (options.word == "check")
         return 0;

@@ -7,38 +7,50 @@ namespace {
 
 constexpr gint64 MicrosecondsPerMillisecond = 1000;
 
+// How often the recording is put on the disk, and the calls still unanswered looked at.
+constexpr guint TickSeconds = 1;
+
+// A call the service has not answered in this long, D-Bus's default timeout, is written as one it never
+// answered: the steps after it wait no longer.
+constexpr gint64 CallLimitMicroseconds = 25 * G_USEC_PER_SEC;
+
+// What a call is answered with once the service's bus has gone, as a client on that bus would be.
+const char DisconnectedError[] = "org.freedesktop.DBus.Error.Disconnected";
+
 // Microseconds as whole milliseconds, rounded to the nearest.
-guint roundedMilliseconds(gint64 microseconds)
+guint64 roundedMilliseconds(gint64 microseconds)
 {
-    return guint((microseconds + MicrosecondsPerMillisecond / 2) / MicrosecondsPerMillisecond);
+    return guint64((microseconds + MicrosecondsPerMillisecond / 2) / MicrosecondsPerMillisecond);
 }
 
 } // namespace
 
 Recorder::~Recorder()
 {
-    g_dbus_connection_remove_filter(m_program, m_filter);
-    g_dbus_connection_signal_unsubscribe(m_service, m_signals);
-    g_dbus_connection_signal_unsubscribe(m_program, m_departures);
+    if (m_filter)
+        g_dbus_connection_remove_filter(m_program, m_filter);
+    if (m_signals)
+        g_dbus_connection_signal_unsubscribe(m_service, m_signals);
+    if (m_closedHandler)
+        g_signal_handler_disconnect(m_service, m_closedHandler);
+    if (m_ticks)
+        g_source_remove(m_ticks);
 }
 
-void Recorder::start()
+bool Recorder::start()
 {
-    m_lastStep = g_get_monotonic_time();
+    m_start = g_get_monotonic_time();
+    if (!m_output.append(recordingHead()))
+        return false;
+    if (!m_output.place())
+        return false;
     m_filter = g_dbus_connection_add_filter(m_program, filter, this, nullptr);
     m_signals
         = g_dbus_connection_signal_subscribe(m_service, kep::ServiceName, nullptr, nullptr, kep::ObjectPath,
                                              nullptr, G_DBUS_SIGNAL_FLAGS_NONE, signalled, this, nullptr);
-    m_departures = g_dbus_connection_signal_subscribe(
-        m_program, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-        "/org/freedesktop/DBus", nullptr, G_DBUS_SIGNAL_FLAGS_NONE, departed, this, nullptr);
-}
-
-guint Recorder::millisecondsSinceLastStep(gint64 now)
-{
-    const gint64 microseconds = now - m_lastStep;
-    m_lastStep = now;
-    return roundedMilliseconds(microseconds);
+    m_closedHandler = g_signal_connect_swapped(m_service, "closed", G_CALLBACK(serviceClosed), this);
+    m_ticks = g_timeout_add_seconds(TickSeconds, tick, this);
+    return true;
 }
 
 // On GDBus's own thread: every call the program makes is taken over and passed on from the main loop, in
@@ -48,30 +60,29 @@ GDBusMessage *Recorder::filter(GDBusConnection *, GDBusMessage *message, gboolea
     const bool isCall = g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL;
     if (!incoming || !isCall)
         return message;
-    auto *call = new Call {static_cast<Recorder *>(self), Object<GDBusMessage>(message), NotRecorded, 0};
+    auto *call = new Call {static_cast<Recorder *>(self), Object<GDBusMessage>(message), false, 0, 0};
     g_idle_add_full(G_PRIORITY_DEFAULT, passOn, call, nullptr);
     return nullptr;
 }
 
 gboolean Recorder::passOn(gpointer data)
 {
-    std::unique_ptr<Call> owned(static_cast<Call *>(data));
-    Call &call = *owned;
-    Recorder &recorder = *call.recorder;
-    GDBusMessage *message = call.message.get();
+    std::unique_ptr<Call> call(static_cast<Call *>(data));
+    Recorder &recorder = *call->recorder;
+    GDBusMessage *message = call->message.get();
     const char *path = g_dbus_message_get_path(message);
     const char *interface = g_dbus_message_get_interface(message);
     const char *member = g_dbus_message_get_member(message);
-    call.received = g_get_monotonic_time();
-    if (g_strcmp0(path, kep::ObjectPath) == 0) { // the service's object: the rest is passed on unrecorded
+    call->received = g_get_monotonic_time();
+    call->recorded = g_strcmp0(path, kep::ObjectPath) == 0; // the rest is passed on unrecorded
+    if (call->recorded) {
         Step step;
         step.isCall = true;
         step.member = member;
         step.interface = stepInterface(interface);
         step.args = bodyOf(message);
-        step.afterMs = recorder.millisecondsSinceLastStep(call.received);
-        call.step = recorder.m_dialog.size();
-        recorder.m_dialog.push_back(std::move(step));
+        call->sequence = recorder.m_firstPending + recorder.m_pending.size();
+        recorder.add(std::move(step), call->received, false);
     }
     Object<GDBusMessage> onward(g_dbus_message_new_method_call(kep::ServiceName, path, interface, member));
     GVariant *body = g_dbus_message_get_body(message);
@@ -80,18 +91,22 @@ gboolean Recorder::passOn(gpointer data)
     // No timeout of kep-sim's own: the program's decides how long an answer is waited for.
     g_dbus_connection_send_message_with_reply(recorder.m_service, onward.get(),
                                               G_DBUS_SEND_MESSAGE_FLAGS_NONE, G_MAXINT, nullptr, nullptr,
-                                              answered, &call);
-    recorder.m_calls.push_back(std::move(owned));
+                                              answered, call.release());
     return G_SOURCE_REMOVE;
 }
 
 void Recorder::answered(GObject *service, GAsyncResult *result, gpointer data)
 {
-    auto &call = *static_cast<Call *>(data);
+    std::unique_ptr<Call> call(static_cast<Call *>(data));
+    g_autoptr(GError) error = nullptr;
     g_autoptr(GDBusMessage) answer
-        = g_dbus_connection_send_message_with_reply_finish(G_DBUS_CONNECTION(service), result, nullptr);
-    if (answer)
-        call.recorder->passBack(call, answer); // else the service's bus is gone: no answer came
+        = g_dbus_connection_send_message_with_reply_finish(G_DBUS_CONNECTION(service), result, &error);
+    if (!answer) { // the service's bus is gone
+        call->recorder->serviceGone();
+        answer
+            = g_dbus_message_new_method_error_literal(call->message.get(), DisconnectedError, error->message);
+    }
+    call->recorder->passBack(*call, answer);
 }
 
 void Recorder::passBack(Call &call, GDBusMessage *answer)
@@ -112,16 +127,20 @@ void Recorder::passBack(Call &call, GDBusMessage *answer)
             g_dbus_message_set_body(back.get(), body);
     }
     g_dbus_connection_send_message(m_program, back.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-    if (call.step == NotRecorded || m_gone.count(g_dbus_message_get_sender(message)) > 0)
+    // An answer after the call was written as never answered is not recorded.
+    if (!call.recorded || call.sequence < m_firstPending)
         return;
-    Step &step = m_dialog[call.step];
-    step.replyMs = roundedMilliseconds(g_get_monotonic_time() - call.received);
+    Pending &pending = m_pending[call.sequence - m_firstPending];
+    Step &step = pending.step;
+    step.replyMs = guint(roundedMilliseconds(g_get_monotonic_time() - call.received));
     if (failed) {
         step.error = errorName;
         step.message = errorText;
     } else {
         step.reply = bodyOf(answer);
     }
+    pending.whole = true;
+    writeWhole();
 }
 
 void Recorder::signalled(GDBusConnection *, const char *, const char *path, const char *interface,
@@ -133,16 +152,96 @@ void Recorder::signalled(GDBusConnection *, const char *, const char *path, cons
     step.member = signal;
     step.interface = stepInterface(interface);
     step.args = own(g_variant_ref(args));
-    step.afterMs = recorder.millisecondsSinceLastStep(g_get_monotonic_time());
-    recorder.m_dialog.push_back(std::move(step));
+    recorder.add(std::move(step), g_get_monotonic_time(), true);
 }
 
-void Recorder::departed(GDBusConnection *, const char *, const char *, const char *, const char *,
-                        GVariant *args, gpointer self)
+void Recorder::serviceClosed(Recorder *recorder)
 {
-    const char *name = "";
-    const char *newOwner = "";
-    g_variant_get(args, "(&s&s&s)", &name, nullptr, &newOwner);
-    if (*newOwner == '\0')
-        static_cast<Recorder *>(self)->m_gone.insert(name);
+    recorder->serviceGone();
+}
+
+void Recorder::serviceGone()
+{
+    if (m_serviceGone)
+        return;
+    m_serviceGone = true;
+    fail(std::string("the service's bus has gone away; calls are answered with ") + DisconnectedError);
+}
+
+gboolean Recorder::tick(gpointer self)
+{
+    auto &recorder = *static_cast<Recorder *>(self);
+    const gint64 now = g_get_monotonic_time() - recorder.m_start;
+    for (Pending &pending : recorder.m_pending) {
+        if (now - pending.at < CallLimitMicroseconds)
+            break; // the steps after it came later still
+        pending.whole = true;
+    }
+    recorder.writeWhole();
+    if (!recorder.m_writeFailed && !recorder.m_output.sync())
+        recorder.m_writeFailed = true;
+    return G_SOURCE_CONTINUE;
+}
+
+void Recorder::add(Step step, gint64 now, bool whole)
+{
+    m_pending.push_back(Pending {std::move(step), now - m_start, whole});
+    writeWhole();
+}
+
+// The steps that are whole, up to the first that is not, in the order they came.
+void Recorder::writeWhole()
+{
+    while (!m_pending.empty() && m_pending.front().whole) {
+        Pending &pending = m_pending.front();
+        // Each step's time is rounded from the start, so that the delays add up to the session's length.
+        const guint64 stepMs = roundedMilliseconds(pending.at);
+        pending.step.afterMs = guint(stepMs - m_lastStepMs);
+        m_lastStepMs = stepMs;
+        write(pending.step);
+        m_pending.pop_front();
+        m_firstPending += 1;
+    }
+}
+
+void Recorder::write(const Step &step)
+{
+    if (m_writeFailed)
+        return;
+    const bool first = !m_wroteStep;
+    m_wroteStep = true;
+    std::string line;
+    if (m_keepSecrets)
+        line = recordingStep(step, first);
+    else
+        line = recordingStep(m_remover.removedFrom(step), first);
+    if (!m_output.append(line))
+        m_writeFailed = true;
+}
+
+bool Recorder::finish(const std::vector<Entry> &properties)
+{
+    g_source_remove(m_ticks);
+    m_ticks = 0;
+    for (Pending &pending : m_pending)
+        pending.whole = true;
+    writeWhole();
+    std::vector<Entry> state;
+    for (const Entry &property : properties) {
+        Variant value;
+        if (m_keepSecrets)
+            value = own(g_variant_ref(property.second.get()));
+        else
+            value = m_remover.removedFrom(property.first, property.second.get());
+        state.emplace_back(property.first, std::move(value));
+    }
+    if (m_writeFailed)
+        return false;
+    // The whole recording, put in place at once.
+    OutputFile whole(m_output.path());
+    if (!whole.create() || !whole.appendCopyOf(m_output))
+        return false;
+    if (!whole.append(recordingTail(state)))
+        return false;
+    return whole.place();
 }

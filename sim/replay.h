@@ -25,7 +25,16 @@ public:
     bool answered(GDBusMessage *call);
 
 private:
+    // Signals being played: the steps from `next` up to `end`, timed from `start`.
+    struct SignalRun {
+        Replay *replay;
+        size_t next;
+        size_t end;
+        gint64 start;    // monotonic microseconds
+        gint64 playedMs; // when the last one played was due, since `start`
+    };
     static gboolean watch(gpointer self);
+    static gboolean playDue(gpointer signals);
     void sayIfStuck();
     void afterPending(guint ms, std::function<void()> action);
     void answer(const Step &step, GDBusMessage *call);

@@ -202,6 +202,8 @@ public:
         size_t at = 0;
         if (!dictionary(at, "", DictionaryType))
             return false;
+        if (m_scenario.cutShort)
+            return true;
         skipBlanks(at);
         if (at != m_end)
             return refuse(at, "expected the end of the scenario after its dictionary");
@@ -333,6 +335,8 @@ private:
                 return false;
             if (!entry(at, within, asList))
                 return false;
+            if (m_scenario.cutShort)
+                return true;
             if (asList && !expect(at, '}', "expected '}' after a dictionary entry"))
                 return false;
             skipBlanks(at);
@@ -375,6 +379,8 @@ private:
         const std::string expected = "'" + name + "' takes type '" + meaning.type + "'";
         if (!value(at, name, meaning, expected))
             return false;
+        if (m_scenario.cutShort)
+            return true;
         return expect(at, '>', "expected '>' after the value of '" + name + "'");
     }
 
@@ -426,7 +432,8 @@ private:
     }
 
     // The steps of a dialog, [{...}, ...], beginning at `at`, which moves past the closing bracket; a
-    // type annotation must be `type`.
+    // type annotation must be `type`. A text that ends inside the list is a recording cut short: the
+    // steps read whole are kept, and a step the end cuts through is left out.
     bool steps(size_t &at, const char *type)
     {
         if (!skipAnnotation(at, type))
@@ -438,10 +445,17 @@ private:
             return true;
         }
         while (true) {
+            skipBlanks(at);
+            if (at == m_end)
+                return cutShort();
             const size_t stepAt = at;
             m_scenario.dialog.emplace_back();
-            if (!dictionary(at, StepWithin, DictionaryType))
-                return false;
+            if (!dictionary(at, StepWithin, DictionaryType)) {
+                if (closes(stepAt))
+                    return false;
+                m_scenario.dialog.pop_back();
+                return cutShort();
+            }
             const Step &step = m_scenario.dialog.back();
             if (step.member.empty())
                 return refuse(stepAt, "a step names a 'call' or a 'signal'");
@@ -449,6 +463,8 @@ private:
             if (!problem.empty())
                 return refuse(stepAt, problem);
             skipBlanks(at);
+            if (at == m_end)
+                return cutShort();
             if (startsWith(at, ']')) {
                 at += 1;
                 return true;
@@ -456,6 +472,40 @@ private:
             if (!expect(at, ',', "expected ',' or ']' after a step"))
                 return false;
         }
+    }
+
+    bool cutShort()
+    {
+        m_message.clear();
+        m_scenario.cutShort = true;
+        return true;
+    }
+
+    // Whether the brackets opened from `at` on close before the text ends, strings in quotes passed over.
+    bool closes(size_t at) const
+    {
+        constexpr std::string_view Openings = "([{<";
+        constexpr std::string_view Closings = ")]}>";
+        int depth = 0;
+        char quote = '\0';
+        for (size_t here = at; here < m_end; ++here) {
+            const char character = m_text[here];
+            if (quote != '\0' && character == '\\') {
+                here += 1; // an escaped character
+            } else if (quote != '\0') {
+                if (character == quote)
+                    quote = '\0';
+            } else if (character == '\'' || character == '"') {
+                quote = character;
+            } else if (Openings.find(character) != std::string_view::npos) {
+                depth += 1;
+            } else if (Closings.find(character) != std::string_view::npos) {
+                depth -= 1;
+                if (depth <= 0)
+                    return true;
+            }
+        }
+        return false;
     }
 
     bool take(const std::string &name, const KeyMeaning &meaning, Variant read, size_t at)
@@ -493,28 +543,12 @@ std::string stepText(const Step &step)
     return "{" + line + "}";
 }
 
-std::string dialogText(const Dialog &dialog)
-{
-    if (dialog.empty())
-        return "@aa{sv} []";
-    std::string out = "[";
-    for (size_t index = 0; index < dialog.size(); ++index) {
-        if (index > 0)
-            out += ",";
-        out += "\n    " + stepText(dialog[index]);
-    }
-    return out + "\n  ]";
-}
-
-// The properties, "  'Name': <value>" a line, joined by ",\n".
+// The properties, ",\n  'Name': <value>" each.
 std::string propertyLines(const std::vector<Entry> &properties)
 {
     std::string lines;
-    for (const Entry &property : properties) {
-        if (!lines.empty())
-            lines += ",\n";
-        lines += "  " + quoted(property.first) + ": <" + text(property.second.get()) + ">";
-    }
+    for (const Entry &property : properties)
+        lines += ",\n  " + quoted(property.first) + ": <" + text(property.second.get()) + ">";
     return lines;
 }
 
@@ -545,13 +579,32 @@ std::string scenarioText(const std::vector<Entry> &properties)
 {
     if (properties.empty())
         return "{}\n";
-    return "{\n" + propertyLines(properties) + "\n}\n";
+    const size_t joinLength = 2; // ",\n" before the first property
+    return "{\n" + propertyLines(properties).substr(joinLength) + "\n}\n";
+}
+
+std::string recordingHead()
+{
+    return "{\n  " + quoted(DialogKey) + ": <@aa{sv} [";
+}
+
+std::string recordingStep(const Step &step, bool first)
+{
+    std::string line = "\n    " + stepText(step);
+    if (!first)
+        line.insert(0, ",");
+    return line;
+}
+
+std::string recordingTail(const std::vector<Entry> &properties)
+{
+    return "\n  ]>" + propertyLines(properties) + "\n}\n";
 }
 
 std::string scenarioText(const std::vector<Entry> &properties, const Dialog &dialog)
 {
-    std::string lines = propertyLines(properties);
-    if (!lines.empty())
-        lines += ",\n";
-    return "{\n" + lines + "  " + quoted(DialogKey) + ": <" + dialogText(dialog) + ">\n}\n";
+    std::string out = recordingHead();
+    for (size_t index = 0; index < dialog.size(); ++index)
+        out += recordingStep(dialog[index], index == 0);
+    return out + recordingTail(properties);
 }

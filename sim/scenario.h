@@ -27,7 +27,8 @@ struct DeviceState {
 
 struct Scenario {
     DeviceState device;
-    Dialog dialog; // a recorded dialog, played before the service answers for itself
+    Dialog dialog;         // a recorded dialog, played before the service answers for itself
+    bool cutShort = false; // the text ends inside the dialog: a recording cut short
 };
 
 // The built-in scenario, then the file at `path` (if any) over it. On a fault returns false with
@@ -43,7 +44,11 @@ using Entry = std::pair<std::string, Variant>;
 // A scenario of the properties given, one a line; "{}" when there are none.
 std::string scenarioText(const std::vector<Entry> &properties);
 
-// The same with the dialog after the properties, one step a line.
+// A recording: the dialog, one step a line, then the properties. It is written as it goes: the head, each
+// step, then the tail with the properties. Cut short after any step, it still reads, up to that step.
 std::string scenarioText(const std::vector<Entry> &properties, const Dialog &dialog);
+std::string recordingHead();
+std::string recordingStep(const Step &step, bool first);
+std::string recordingTail(const std::vector<Entry> &properties);
 
 #endif

@@ -1,0 +1,58 @@
+#ifndef KEP_SIM_SECRETS_H
+#define KEP_SIM_SECRETS_H
+
+// Keeping secrets on the device: Wi-Fi keys, passphrases, WPS credentials and PINs are taken out of what
+// kep-sim writes for someone else, each replaced by a placeholder of the same D-Bus type.
+//
+// What is secret, wherever it stands and at any depth:
+// - in any dictionary, the value under a key one of whose words is psk, key, pass, passphrase, password,
+//   secret or pin (words split at case changes, digits, '_' and '-': wpa_psk, wep_key0, Key, Passphrase);
+// - every value inside a network's own map in WirelessNetworks (a key of that name in a dictionary, or the
+//   property a Get or Set names);
+// - the arguments of WpsPin.
+// A secret's text met again inside another text, an error message say, is replaced there too.
+#include "sim/step.h"
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// What a value is, as far as secrets go.
+enum class Holds {
+    Plain,    // secret only where its keys say so
+    Secret,   // every value in it
+    Networks, // WirelessNetworks: a dictionary of networks
+    Network,  // one network's own map: every value in it
+};
+
+// Whether a dictionary key's name says that its value is secret.
+bool isSecretName(std::string_view name);
+
+// Takes the secrets out of the values of one file. The same secret gets the same placeholder throughout.
+class SecretRemover
+{
+public:
+    // The step with its secrets replaced.
+    Step removedFrom(const Step &step);
+
+    // A property's value with its secrets replaced.
+    Variant removedFrom(const std::string &property, GVariant *value);
+
+    // How many secrets have been replaced so far, inside other texts too.
+    size_t removed() const { return m_removed; }
+
+private:
+    Variant removedFrom(GVariant *value, Holds holds, bool inTexts);
+    Variant placeholder(GVariant *secret);
+    std::string withoutSecretTexts(const std::string &text);
+
+    std::map<std::string, guint> m_numbers; // a secret's type and bytes, and the number of its placeholder
+    std::vector<std::pair<std::string, std::string>> m_texts; // a secret's text, and its placeholder's
+    size_t m_removed = 0;
+};
+
+// Whether a call's arguments are the recorded ones, but where the recording holds a placeholder.
+bool sameCallArguments(const Step &recorded, GVariant *args);
+
+#endif
