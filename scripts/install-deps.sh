@@ -15,7 +15,8 @@ if [ "${1:-}" = --update ]; then
     shift
 fi
 packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools libglib2.0-dev pkg-config
-          dbus-daemon dbus-bin util-linux faketime python3-gi file man-db groff-base lintian libglib2.0-bin
+          dbus-daemon dbus-bin util-linux procps faketime python3-gi file man-db groff-base lintian
+          libglib2.0-bin
           "$@")
 
 missing=()

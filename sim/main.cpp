@@ -228,8 +228,11 @@ int main(int argc, char **argv)
         return UsageStatus;
     }
     if (scenario.cutShort) {
-        std::fprintf(stderr, "kep-sim: %s was cut short: its %zu whole steps are played\n",
-                     shown(options.scenario).c_str(), scenario.dialog.size());
+        const char *steps = "steps are";
+        if (scenario.dialog.size() == 1)
+            steps = "step is";
+        std::fprintf(stderr, "kep-sim: %s was cut short: its %zu whole %s played\n",
+                     shown(options.scenario).c_str(), scenario.dialog.size(), steps);
     }
     if (options.word == "check")
         return 0;

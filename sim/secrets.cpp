@@ -196,8 +196,11 @@ bool sameButPlaceholders(GVariant *recorded, GVariant *live, Holds holds)
 bool isSecretName(std::string_view name)
 {
     for (const std::string &word : wordsOf(name)) {
-        if (std::find(SecretWords.begin(), SecretWords.end(), word) != SecretWords.end())
-            return true;
+        for (std::string_view secretWord : SecretWords) {
+            const bool plural = word.size() == secretWord.size() + 1 && word.back() == 's';
+            if (word == secretWord || (plural && startsWith(word, secretWord)))
+                return true;
+        }
     }
     return false;
 }

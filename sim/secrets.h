@@ -6,7 +6,8 @@
 //
 // What is secret, wherever it stands and at any depth:
 // - in any dictionary, the value under a key one of whose words is psk, key, pass, passphrase, password,
-//   secret or pin (words split at case changes, digits, '_' and '-': wpa_psk, wep_key0, Key, Passphrase);
+//   secret or pin, or their plural (words split at case changes, digits, '_' and '-': wpa_psk, wep_key0,
+//   Key, Passphrase, Keys; not KnownNetworks, Ping);
 // - every value inside a network's own map in WirelessNetworks (a key of that name in a dictionary, or the
 //   property a Get or Set names);
 // - the arguments of WpsPin.

@@ -1,0 +1,168 @@
+// What kep-sim takes out of the files it writes: which key names are secret, what a value becomes with its
+// secrets replaced, and which calls a replay takes for a recorded one that holds placeholders.
+#include "sim/secrets.h"
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+int passes = 0;
+int failures = 0;
+
+void expect(bool holds, const std::string &what)
+{
+    if (holds) {
+        passes += 1;
+        return;
+    }
+    failures += 1;
+    std::printf("FAIL %s\n", what.c_str());
+}
+
+Variant parsed(const char *text)
+{
+    return own(g_variant_parse(nullptr, text, nullptr, nullptr, nullptr));
+}
+
+struct NameRow {
+    const char *name;
+    bool secret;
+};
+
+// Words are cut at case changes, digits, '_' and '-'; a word must be one of the secret words whole, or its
+// plural.
+const NameRow Names[] = {
+    {"wpa_psk", true},
+    {"wep_key", true},
+    {"Key", true},
+    {"Passphrase", true},
+    {"Psk", true},
+    {"wep_key0", true},
+    {"WEPKey", true},
+    {"PassPhrase", true},
+    {"psk-hex", true},
+    {"Password", true},
+    {"client_secret", true},
+    {"PIN", true},
+    {"Pin_Code", true},
+    {"KnownNetworks", false},
+    {"CablePluggedIn", false},
+    {"Ping", false},
+    {"Pinned", false},
+    {"Keyboard", false},
+    {"Passive", false},
+    {"Spin", false},
+    {"Ssid", false},
+    {"", false},
+    {"SKEY", false},
+    {"keys", true},
+};
+
+struct ValueRow {
+    const char *property;
+    const char *value;
+    const char *removed; // the value as written, its secrets replaced
+    size_t count;        // how many were
+};
+
+const ValueRow Values[] = {
+    {"WirelessNetworks", "{'Home': <{'wpa_psk': <'s3cret'>}>}",
+     "{'Home': <{'wpa_psk': <'[removed secret 1]'>}>}", 1},
+    // every value in a network's map, whatever its type word; a network that is not a map, whole
+    {"WirelessNetworks", "{'A': <{'anything': <'x'>, 'n': <5>}>, 'B': <'raw'>}",
+     "{'A': <{'anything': <'[removed secret 1]'>, 'n': <2>}>, 'B': <'[removed secret 3]'>}", 3},
+    {"WirelessNetworks", "{'Guest': <@a{sv} {}>}", "{'Guest': <@a{sv} {}>}", 0},
+    {"WirelessNetworks", "'not a map'", "'[removed secret 1]'", 1},
+    // at any depth, under a secret key; the same secret, the same placeholder
+    {"Details", "{'SoftAp': <{'Passphrase': <'p'>, 'Ssid': <'s'>}>, 'Key': <'p'>}",
+     "{'SoftAp': <{'Passphrase': <'[removed secret 1]'>, 'Ssid': <'s'>}>, 'Key': <'[removed secret 1]'>}", 2},
+    {"Details", "{'Psk': <b'raw'>, 'Pin': <uint32 1234>, 'KeySet': <true>, 'KeyPath': <objectpath '/k'>}",
+     "{'Psk': <b'[removed secret 1]'>, 'Pin': <uint32 2>, 'KeySet': <false>, 'KeyPath': <objectpath "
+     "'/removed_secret_4'>}",
+     4},
+    {"Details", "{'Keys': <['a', 'b']>, 'KnownNetworks': <2>}",
+     "{'Keys': <['[removed secret 1]', '[removed secret 2]']>, 'KnownNetworks': <2>}", 2},
+    // a dictionary inside a secret keeps its keys
+    {"Details", "{'Secret': <{'name': <'x'>}>}", "{'Secret': <{'name': <'[removed secret 1]'>}>}", 1},
+    {"Mode", "'automatic'", "'automatic'", 0},
+    {"Passphrase", "'p'", "'[removed secret 1]'", 1},
+};
+
+Step setCall(const char *value)
+{
+    Step step;
+    step.isCall = true;
+    step.member = "Set";
+    step.interface = "org.freedesktop.DBus.Properties";
+    step.args = parsed(value);
+    return step;
+}
+
+struct MatchRow {
+    const char *recorded;
+    const char *live;
+    bool same;
+};
+
+const MatchRow Matches[] = {
+    {"('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'[removed secret 1]'>}>}>)",
+     "('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'anything'>}>}>)", true},
+    {"('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'[removed secret 1]'>}>}>)",
+     "('com.calyra.kep', 'WirelessNetworks', <{'W': <{'wpa_psk': <'anything'>}>}>)", false},
+    {"('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'[removed secret 1]'>}>}>)",
+     "('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wep': <'anything'>}>}>)", false},
+    {"('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'[removed secret 1]'>}>}>)",
+     "('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <5>}>}>)", false},
+    // kept secrets are matched as they stand
+    {"('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'s3cret'>}>}>)",
+     "('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'other'>}>}>)", false},
+    // a placeholder where nothing is secret is text like any other
+    {"('com.calyra.kep', 'WiredIpSettings', <{'Ip': <'[removed secret 1]'>}>)",
+     "('com.calyra.kep', 'WiredIpSettings', <{'Ip': <'10.0.0.1'>}>)", false},
+    {"('com.calyra.kep', 'WiredIpSettings', <{'Ip': <'10.0.0.1'>}>)",
+     "('com.calyra.kep', 'WiredIpSettings', <{'Ip': <'10.0.0.1'>}>)", true},
+};
+
+} // namespace
+
+int main()
+{
+    for (const NameRow &row : Names)
+        expect(isSecretName(row.name) == row.secret, std::string("secret name: ") + row.name);
+    for (const ValueRow &row : Values) {
+        SecretRemover remover;
+        const Variant value = parsed(row.value);
+        const Variant removed = remover.removedFrom(row.property, value.get());
+        const std::string written = text(removed.get());
+        expect(written == row.removed, std::string(row.value) + " became " + written);
+        expect(remover.removed() == row.count, std::string(row.value) + ": count");
+    }
+    // A secret's text inside another: replaced in an error message once it is known.
+    SecretRemover remover;
+    Step refused = setCall("('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'s3cretPSK'>}>}>)");
+    refused.error = "org.freedesktop.DBus.Error.InvalidArgs";
+    refused.message = "s3cretPSK is too short, s3cretPSK";
+    const Step removed = remover.removedFrom(refused);
+    expect(removed.message == "[removed secret 1] is too short, [removed secret 1]", removed.message);
+    expect(remover.removed() == 3, "a Set and its error message: count");
+    // A WpsPin's argument is secret; a short one too, but not inside other texts.
+    Step pin;
+    pin.isCall = true;
+    pin.member = "WpsPin";
+    pin.args = parsed("('123',)");
+    pin.error = "org.example.Refused";
+    pin.message = "PIN 123 refused";
+    const Step removedPin = remover.removedFrom(pin);
+    expect(text(removedPin.args.get()) == "('[removed secret 2]',)", text(removedPin.args.get()));
+    expect(removedPin.message == "PIN 123 refused", removedPin.message);
+    for (const MatchRow &row : Matches) {
+        const Variant live = parsed(row.live);
+        expect(sameCallArguments(setCall(row.recorded), live.get()) == row.same,
+               std::string("match: ") + row.recorded + " and " + row.live);
+    }
+    std::printf("%d passed, %d failed\n", passes, failures);
+    if (failures > 0)
+        return 1;
+    return 0;
+}
