@@ -17,9 +17,9 @@ python3 - "$work/one.gv" "$runs" "$work/long.gv" <<'PYTHON'
 import sys
 one, runs, out = sys.argv[1], int(sys.argv[2]), sys.argv[3]
 text = open(one).read()
-first = text.index("'dialog': <[")
+first = text.index("'dialog': <")
 start = text.index('\n', first) + 1
-end = text.rindex('\n  ]>')
+end = text.index('\n  ]>', start)
 steps = text[start:end].strip().rstrip(',')
 open(out, 'w').write(text[:start] + ',\n'.join(['    ' + steps] * runs) + text[end:])
 PYTHON
