@@ -77,7 +77,8 @@ gboolean onSignal(gpointer)
     return G_SOURCE_CONTINUE;
 }
 
-// The fields of /proc/PID/stat after the program's name, which may itself hold blanks and parentheses.
+// The parent of process `pid`, from /proc/PID/stat: the fields after the program's name, which may itself
+// hold blanks and parentheses. False when the process has ended.
 bool parentOf(const char *pid, GPid &parent)
 {
     g_autofree char *path = g_build_filename("/proc", pid, "stat", nullptr);
@@ -123,10 +124,10 @@ std::vector<GPid> commandProcesses()
     return found;
 }
 
-void signalCommand(int signal)
+void signalCommand(int signalNumber)
 {
     for (GPid pid : commandProcesses())
-        kill(pid, signal);
+        kill(pid, signalNumber);
 }
 
 gboolean killCommand(gpointer)
@@ -185,22 +186,25 @@ void endWithKepSim(gpointer)
 }
 
 // Once the command has ended: what it started and left running gets SIGTERM, then SIGKILL after the
-// grace time; all are waited for.
+// grace time, and is waited for; a process that does not end even then is waited for no longer.
 void endLeftovers()
 {
     const gint64 graceEnd = g_get_monotonic_time() + StopGraceSeconds * G_USEC_PER_SEC;
+    const gint64 waitEnd = graceEnd + StopGraceSeconds * G_USEC_PER_SEC;
     std::vector<GPid> left = commandProcesses();
-    while (!left.empty()) {
-        int signal = SIGTERM;
+    while (!left.empty() && g_get_monotonic_time() < waitEnd) {
+        int signalNumber = SIGTERM;
         if (g_get_monotonic_time() >= graceEnd)
-            signal = SIGKILL;
+            signalNumber = SIGKILL;
         for (GPid pid : left) {
-            kill(pid, signal);
+            kill(pid, signalNumber);
             waitpid(pid, nullptr, WNOHANG); // those whose parent has ended are kep-sim's to wait for
         }
         g_usleep(LeftoverPollMicroseconds);
         left = commandProcesses();
     }
+    if (!left.empty())
+        fail(std::to_string(left.size()) + " processes of COMMAND would not end, even with SIGKILL");
 }
 
 using Action = std::function<void()>;
