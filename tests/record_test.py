@@ -291,9 +291,16 @@ def check_memory():
 def main():
     checks = [check_killed, check_interrupted, check_service_gone, check_capture_interrupted,
               check_storm_pace, check_memory]
+    # Under the sanitizers kep-sim keeps freed memory aside and runs several times slower.
+    sanitized = os.environ.get('KEP_SANITIZED') == 'ON'
     failed = 0
+    skipped = 0
     try:
         for check in checks:
+            if sanitized and check in (check_storm_pace, check_memory):
+                skipped += 1
+                print('skipped', check.__name__, '(the sanitizers change time and memory)')
+                continue
             try:
                 check()
                 print('ok', check.__name__)
@@ -302,7 +309,7 @@ def main():
                 print('FAIL', check.__name__, '\n' + str(error))
     finally:
         shutil.rmtree(WORK)
-    print('%d passed, %d failed' % (len(checks) - failed, failed))
+    print('%d passed, %d failed, %d skipped' % (len(checks) - failed - skipped, failed, skipped))
     if failed:
         return 1
     return 0
