@@ -299,7 +299,7 @@ def main():
         for check in checks:
             if sanitized and check in (check_storm_pace, check_memory):
                 skipped += 1
-                print('skipped', check.__name__, '(the sanitizers change time and memory)')
+                print('%s: skipped: the sanitizers change time and memory' % check.__name__)
                 continue
             try:
                 check()
