@@ -13,14 +13,18 @@ if [ ${#runs_list[@]} -eq 0 ]; then
 fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-large_details=$(python3 -c "print('{' + ', '.join(\"'entry%d': <'value %d'>\" % (i, i) for i in range(300)) + '}')")
+entries=()
+for index in $(seq 0 299); do
+    entries+=("'entry$index': <'value $index'>")
+done
+large_details="{$(IFS=,; echo "${entries[*]}")}"
 
 # COMMAND under `kep-sim run`: sets Details if given, then records RUNS status runs and prints record's
 # peak resident memory in KiB and the recording's size in bytes.
 session='
 if [ -n "$3" ]; then
-    gdbus call --system -d com.calyra.kep -o /com/calyra/kep -m com.calyra.kep.Sim.SetProperty Details "<$3>" \
-        >/dev/null
+    gdbus call --system -d com.calyra.kep -o /com/calyra/kep -m com.calyra.kep.Sim.SetProperty \
+        Details "<$3>" >/dev/null
 fi
 /usr/bin/time -f %M -o "$4" "$0" record --output "$4.gv" -- sh -c "
     run=0
@@ -42,6 +46,7 @@ for details in built-in large; do
             read -r size
         } < <("$build/kep-sim" run -- sh -c "$session" "$build/kep-sim" "$build/kepclient" "$runs" "$value" \
             "$work/peak" 2>&1 >/dev/null | tail -n 2)
-        echo "Details $details, $runs status runs: record's peak $peak KiB, the recording $((size / 1024)) KiB"
+        echo "Details $details, $runs status runs: record's peak $peak KiB," \
+            "the recording $((size / 1024)) KiB"
     done
 done

@@ -1,11 +1,14 @@
 // kep-sim's scenario reader against hostile text: the named rows of a table first, then, for a bounded
 // time, random mutations of real scenarios, captures and recordings, and rewritings of them that GLib's
-// GVariant text parser reads as the same value.
+// GVariant text parser reads as the same value. What it accepts also has its secrets taken out, as record
+// and capture do with what a service sends.
 //   scenario_fuzz --seed N --seconds S --rows FILE --findings DIR [--cases FILE]... [CORPUS]...
 // A finding is written to DIR and named; the input being read is always in DIR/last-input.gv, so that
 // after a crash that file is the one that caused it.
+#include "sim/message.h"
 #include "sim/playable.h"
 #include "sim/scenario.h"
+#include "sim/secrets.h"
 
 #include <gio/gio.h>
 
@@ -225,6 +228,38 @@ std::string sendingProblem(const std::string &input)
     return "";
 }
 
+bool sameType(GVariant *one, GVariant *other)
+{
+    return g_variant_type_equal(g_variant_get_type(one), g_variant_get_type(other));
+}
+
+// What taking the secrets out makes of an accepted scenario: every value keeps its type, and a replay takes
+// each call of the dialog for its recording with placeholders.
+std::string secretsProblem(const std::string &input)
+{
+    Scenario scenario;
+    std::string refusal;
+    readScenario(InputName, input, scenario, refusal);
+    SecretRemover remover;
+    for (const auto &property : scenario.device.properties) {
+        const Variant removed = remover.removedFrom(property.first, property.second.get());
+        if (!sameType(removed.get(), property.second.get()))
+            return "without its secrets, a value of " + property.first + " has another type";
+    }
+    for (const Step &step : scenario.dialog) {
+        const Step removed = remover.removedFrom(step);
+        const Variant args = orEmptyTuple(step.args.get());
+        const Variant removedArgs = orEmptyTuple(removed.args.get());
+        if (!sameType(removedArgs.get(), args.get()))
+            return "without their secrets, the arguments of " + step.member + " have another type";
+        if (step.reply && !sameType(removed.reply.get(), step.reply.get()))
+            return "without its secrets, the reply to " + step.member + " has another type";
+        if (step.isCall && !sameCallArguments(removed, args.get()))
+            return "a replay does not take " + step.member + " for its recording without secrets";
+    }
+    return "";
+}
+
 class Fuzzer
 {
 public:
@@ -253,6 +288,8 @@ public:
             problem = refusalProblem(input, outcome.refusal);
         else
             problem = sendingProblem(input);
+        if (outcome.accepted && problem.empty())
+            problem = secretsProblem(input);
         if (!problem.empty())
             finding(problem + ": " + outcome.refusal.substr(0, MaxRefusalLength), input);
         for (const std::string &message : glibMessages)
