@@ -11,21 +11,18 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
 
 from gi.repository import Gio, GLib
+
+from processes import WAIT_LIMIT, WITH_US, start, stop, until
 
 SIM = os.environ['KEPSIM']
 CLIENT = os.environ['KEPCLIENT']
 
-# Every child dies with the test, whatever happens.
-WITH_US = ['setpriv', '--pdeathsig', 'KILL']
 WORK = tempfile.mkdtemp(prefix='kep-record.')
 RECORDING = os.path.join(WORK, 'recording.gv')
 
 KEP = ('com.calyra.kep', '/com/calyra/kep')
-WAIT_LIMIT = 10  # seconds: a program to start, a file to fill, a process to end
-POLL_INTERVAL = 0.01
 CALL_TIMEOUT_MS = 5000
 RUN_LIMIT = 120  # one run of kep-sim
 INTERRUPTED = 130
@@ -43,25 +40,6 @@ MEMORY_GROWTH_LIMIT_KB = 3 * 1024
 AT_ONCE_MS = 1000
 PROPERTIES = ['Connected', 'Details', 'LogLevel', 'Mode', 'SoftApModeSettings', 'WiredIpSettings',
               'WirelessIpSettings', 'WirelessNetworks']
-
-
-def until(check, what):
-    deadline = time.monotonic() + WAIT_LIMIT
-    while not check():
-        assert time.monotonic() < deadline, 'gave up waiting for ' + what
-        time.sleep(POLL_INTERVAL)
-
-
-def start(command):
-    """A program whose first line on standard output says it is ready, and that line."""
-    process = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    assert select.select([process.stdout], [], [], WAIT_LIMIT)[0], 'gave up waiting for ' + command[0]
-    return process, process.stdout.readline().decode().strip()
-
-
-def stop(process):
-    process.kill()
-    process.wait()
 
 
 def gone(pid):

@@ -32,7 +32,6 @@ import ctypes
 import functools
 import glob
 import os
-import select
 import shlex
 import shutil
 import signal
@@ -43,6 +42,8 @@ import time
 from dataclasses import dataclass
 
 from gi.repository import Gio, GLib
+
+from processes import WITH_US, start, stop, until
 
 # The programs under test. Under emulation the armhf client runs through one wrapper program, whose
 # path is taken whole.
@@ -66,13 +67,10 @@ BUS_STATS = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.D
 # scan and wps both listen for ScanResults, wps last of all and after its call
 LAST_LISTENED_SIGNAL = 'ScanResults'
 
-# Every child dies with the runner, whatever happens.
-WITH_US = ['setpriv', '--pdeathsig', 'KILL']
+# A child with no argument vector dies with the runner too.
 PR_SET_PDEATHSIG = 1  # from <linux/prctl.h>
 
 # Limits, in seconds.
-WAIT_LIMIT = 10  # a program to start, the client to listen, the bus to free a name
-POLL_INTERVAL = 0.002
 CALL_TIMEOUT_MS = 5000  # one call of the runner's on the bus
 CLIENT_LIMIT = 120  # one run of the client
 SIM_LIMIT = 60  # one run of kep-sim's command line
@@ -100,27 +98,6 @@ class Outcome:
     stderr: str
     prog: str  # the client as started, '' for a run of kep-sim's command line
     seconds: float
-
-
-def until(check, what):
-    """Waits until check() holds, asking again every POLL_INTERVAL, at most WAIT_LIMIT seconds."""
-    deadline = time.monotonic() + WAIT_LIMIT
-    while not check():
-        assert time.monotonic() < deadline, 'gave up waiting for ' + what
-        time.sleep(POLL_INTERVAL)
-
-
-def start(command):
-    """Starts a program whose first line on standard output says it is ready; returns it and the line."""
-    process = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-    readable = select.select([process.stdout], [], [], WAIT_LIMIT)[0]
-    assert readable, 'gave up waiting for %s to start' % command[0]
-    return process, process.stdout.readline().decode().strip()
-
-
-def stop(process):
-    process.kill()
-    process.wait()
 
 
 def write_file(path, content):
