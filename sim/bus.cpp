@@ -311,12 +311,9 @@ void onStopSignal(std::function<void()> action)
         g_unix_signal_add(stopSignal, onSignal, nullptr);
 }
 
-int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid)
+int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid,
+            const std::function<void()> &started)
 {
-    run.loop = g_main_loop_new(nullptr, FALSE);
-    run.busPid = busPid;
-    onStopSignal(onStop);
-    const gulong closedHandler = g_signal_connect_swapped(served, "closed", G_CALLBACK(onBusClosed), nullptr);
     if (!command.empty()) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         g_autoptr(GError) error = nullptr;
@@ -330,6 +327,12 @@ int runLoop(GDBusConnection *served, const CommandLine &command, const std::stri
             return fail(error->message, CannotRunStatus);
         g_child_watch_add(run.commandPid, onCommandEnd, nullptr);
     }
+    if (started)
+        started();
+    run.loop = g_main_loop_new(nullptr, FALSE);
+    run.busPid = busPid;
+    onStopSignal(onStop);
+    const gulong closedHandler = g_signal_connect_swapped(served, "closed", G_CALLBACK(onBusClosed), nullptr);
     g_main_loop_run(run.loop);
     if (run.killTimer)
         g_source_remove(run.killTimer);

@@ -43,8 +43,10 @@ using CommandLine = std::vector<char *>;
 // command until that command ends, the system bus for it being the one at `address`. The signals, and the
 // end of `served`, end the command and every process it started; so does the command's end, for those
 // still running. Gives back the command's exit status, 130 if it was stopped by a signal to kep-sim, 1 if
-// `served` closed, and 0 without a command. `busPid`, kep-sim's own bus, is spared.
-int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid);
+// `served` closed, and 0 without a command. `busPid`, kep-sim's own bus, is spared. `started`, if given,
+// runs once the command has started, before the loop.
+int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid,
+            const std::function<void()> &started = {});
 
 // What SIGINT, SIGTERM and SIGHUP do from now on, once the main loop runs; nothing, with no action.
 void onStopSignal(std::function<void()> action);

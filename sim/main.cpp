@@ -165,7 +165,16 @@ int record(const Options &options)
     Recorder recorder(service, program, output, options.keepSecrets);
     if (!recorder.start())
         return WriteFailureStatus;
-    const int commandStatus = runLoop(program, options.command, privateBus.address(), privateBus.pid());
+    // The file at --output stays as it was unless COMMAND starts.
+    bool started = false;
+    const auto begin = [&recorder, &started] {
+        started = true;
+        recorder.begin();
+    };
+    const int commandStatus
+        = runLoop(program, options.command, privateBus.address(), privateBus.pid(), begin);
+    if (!started)
+        return commandStatus;
     std::vector<Entry> properties;
     std::string leftOut;
     captureProperties(service, properties, leftOut);

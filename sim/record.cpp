@@ -42,8 +42,6 @@ bool Recorder::start()
     m_start = g_get_monotonic_time();
     if (!m_output.append(recordingHead()))
         return false;
-    if (!m_output.place())
-        return false;
     m_filter = g_dbus_connection_add_filter(m_program, filter, this, nullptr);
     m_signals
         = g_dbus_connection_signal_subscribe(m_service, kep::ServiceName, nullptr, nullptr, kep::ObjectPath,
@@ -166,6 +164,12 @@ void Recorder::serviceGone()
         return;
     m_serviceGone = true;
     fail(std::string("the service's bus has gone away; calls are answered with ") + DisconnectedError);
+}
+
+void Recorder::begin()
+{
+    if (!m_output.place())
+        m_writeFailed = true;
 }
 
 gboolean Recorder::tick(gpointer self)

@@ -24,7 +24,8 @@ public:
         , m_keepSecrets(keepSecrets)
     { }
     ~Recorder();
-    bool start(); // before the program starts: the recording's head, in place at its path
+    bool start(); // before the program starts: the recording's head, not yet at its path
+    void begin(); // once the program has started: the recording at its path
 
     // Once the program has ended: the calls still unanswered as such, then the service's state. False,
     // with the problem said, when the recording could not be written.
