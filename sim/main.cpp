@@ -147,7 +147,7 @@ void saySecretsRemoved(size_t removed)
 
 // COMMAND's dialog with the service, and the state of the service once COMMAND has ended (what the
 // simulated service goes on from once the dialog is played), as one scenario in --output. Nothing is
-// written there before COMMAND can start.
+// written there unless COMMAND starts.
 int record(const Options &options)
 {
     OutputFile output(options.output);
