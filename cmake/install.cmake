@@ -30,12 +30,12 @@ add_custom_target(compressed_docs ALL DEPENDS ${kepclient_man} ${kepsim_man} ${c
 set(package_docs ${KEP_SOURCE_ROOT}/packaging/copyright ${changelog})
 
 install(FILES ${kepclient_man} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT client)
-install(FILES ${KEP_SOURCE_ROOT}/completion/kepclient.bash
+install(FILES ${KEP_SOURCE_ROOT}/packaging/kepclient.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME kepclient COMPONENT client)
 install(FILES ${package_docs} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kepclient COMPONENT client)
 
 install(FILES ${kepsim_man} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT sim)
-install(FILES ${KEP_SOURCE_ROOT}/dbus/kep-sim.conf ${KEP_INTERFACE_XML}
+install(FILES ${KEP_SIM_POLICY} ${KEP_INTERFACE_XML}
         DESTINATION ${CMAKE_INSTALL_DATADIR}/kep-sim COMPONENT sim)
 install(FILES ${package_docs} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/kep-sim COMPONENT sim)

@@ -27,9 +27,9 @@ why_skipped build
 echo "== release packages, $arch =="
 scripts/package.sh
 version=$(sed -n 's/^Version: //p' build-release/debian-control/kepclient.control)
-tests/package_test.sh dist "$arch" "$version"
-tests/piuparts_test.sh dist "$arch" "$version"
-tests/reproducible_test.sh dist "$arch"
+tests/packages/package_test.sh dist "$arch" "$version"
+tests/packages/piuparts_test.sh dist "$arch" "$version"
+tests/packages/reproducible_test.sh dist "$arch"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=ON >/dev/null
@@ -41,4 +41,4 @@ echo "== armhf: release packages, and the end-to-end suites with their kepclient
 scripts/package.sh armhf
 KEPCLIENT_UNDER_TEST="$PWD/build-release-armhf/kepclient" KEPCLIENT_WRAPPER="$PWD/scripts/qemu-armhf.sh" \
     ctest --test-dir build -L e2e --output-on-failure
-tests/package_test.sh dist armhf "$version"
+tests/packages/package_test.sh dist armhf "$version"

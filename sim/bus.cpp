@@ -1,7 +1,7 @@
 #include "sim/bus.h"
 
 #include "service/endpoint.h"
-#include "sim/message.h"
+#include "sim/format/message.h"
 
 #include <glib-unix.h>
 #include <glib/gstdio.h>

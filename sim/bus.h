@@ -3,7 +3,7 @@
 
 // The buses kep-sim works on and the main loop it runs: a dbus-daemon of its own, connections, the
 // service's name, COMMAND under the loop, and actions run later on the loop.
-#include "sim/glibptr.h"
+#include "sim/format/glibptr.h"
 
 #include <functional>
 #include <string>

@@ -2,7 +2,7 @@
 
 #include "service/endpoint.h"
 #include "sim/bus.h"
-#include "sim/interface.h"
+#include "sim/format/interface.h"
 
 #include <memory>
 

@@ -2,7 +2,7 @@
 #define KEP_SIM_CAPTURE_H
 
 // Reading a running service's state, for `capture` and at the end of `record`.
-#include "sim/scenario.h"
+#include "sim/format/scenario.h"
 
 #include <string>
 #include <vector>

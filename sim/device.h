@@ -4,7 +4,7 @@
 // The connection manager's device as the simulator plays it: its state, the modes and their signals,
 // scans and WPS runs answered after their delays, and Details made from the state. It knows nothing of
 // D-Bus: its signals go out through the callback it is given.
-#include "sim/scenario.h"
+#include "sim/format/scenario.h"
 
 #include <functional>
 #include <string_view>

@@ -3,10 +3,10 @@
 #include "service/endpoint.h"
 #include "sim/bus.h"
 #include "sim/capture.h"
-#include "sim/message.h"
+#include "sim/format/message.h"
+#include "sim/format/secrets.h"
 #include "sim/output.h"
 #include "sim/record.h"
-#include "sim/secrets.h"
 #include "sim/service.h"
 
 #include <cstdio>

@@ -1,6 +1,6 @@
 #include "sim/output.h"
 
-#include "sim/message.h"
+#include "sim/format/message.h"
 
 #include <glib.h>
 #include <glib/gstdio.h>

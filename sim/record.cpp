@@ -1,7 +1,7 @@
 #include "sim/record.h"
 
 #include "service/endpoint.h"
-#include "sim/message.h"
+#include "sim/format/message.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 //
 // The recording is written as it goes, at the path it is for: a step as soon as it is whole (a call once
 // it is answered), and on the disk within a second. Secrets are taken out unless they are to be kept.
+#include "sim/format/scenario.h"
+#include "sim/format/secrets.h"
 #include "sim/output.h"
-#include "sim/scenario.h"
-#include "sim/secrets.h"
 
 #include <deque>
 

@@ -2,8 +2,8 @@
 
 #include "service/endpoint.h"
 #include "sim/bus.h"
-#include "sim/message.h"
-#include "sim/secrets.h"
+#include "sim/format/message.h"
+#include "sim/format/secrets.h"
 
 #include <cstdio>
 #include <memory>

@@ -5,7 +5,7 @@
 // as they come in the recorded order, and the service's signals follow at their recorded delays. A call
 // that is not the dialog's next one is named, and left to the simulated service; the dialog then still
 // waits for the call it expected. Once the dialog is played, the simulated service answers everything.
-#include "sim/scenario.h"
+#include "sim/format/scenario.h"
 
 #include <functional>
 #include <mutex>

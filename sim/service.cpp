@@ -1,8 +1,8 @@
 #include "sim/service.h"
 
 #include "service/endpoint.h"
-#include "sim/interface.h"
-#include "sim/message.h"
+#include "sim/format/interface.h"
+#include "sim/format/message.h"
 
 #include <cstdio>
 

@@ -1,6 +1,6 @@
-#include "sim/playable.h"
+#include "sim/format/playable.h"
 
-#include "sim/interface.h"
+#include "sim/format/interface.h"
 
 namespace {
 

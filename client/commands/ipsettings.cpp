@@ -1,8 +1,8 @@
 // "wiredip" and "wirelessip": static IPv4 settings, or DHCP with no words.
-#include "commands/ipsettings.h"
+#include "client/commands/ipsettings.h"
 
+#include "client/commands/ipv4address.h"
 #include "client/kepclient.h"
-#include "commands/ipv4address.h"
 
 #include "kep_interface.h"
 

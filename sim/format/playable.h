@@ -3,7 +3,7 @@
 
 // What D-Bus can carry and what a replay can play as written: the checks a scenario's values and a
 // dialog's steps pass before the service serves them. Each gives what is wrong, empty when nothing is.
-#include "sim/step.h"
+#include "sim/format/step.h"
 
 #include <string>
 

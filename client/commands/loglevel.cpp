@@ -1,5 +1,5 @@
 // "loglevel": show the service's log level, or set it.
-#include "commands/loglevel.h"
+#include "client/commands/loglevel.h"
 
 #include "client/kepclient.h"
 

@@ -3,7 +3,7 @@
 # scripts/package.sh in a clone of the same commit at another path, one with a blank, and compares them
 # byte for byte with those in DIR; on a difference diffoscope names it. DIR's packages must come from the
 # commit as it is: when the work tree has changes, they are built from a first clone too.
-#   tests/reproducible_test.sh DIR ARCHITECTURE
+#   tests/packages/reproducible_test.sh DIR ARCHITECTURE
 set -euo pipefail
 dir=$(realpath "$1")
 arch=$2

@@ -1,7 +1,7 @@
 // isIpv4Address against QHostAddress itself: the known quirks, then a large
 // seeded corpus of random words. KEP_IPV4_SEED repeats a run. Prints the
 // first mismatches and fails on any.
-#include "commands/ipv4address.h"
+#include "client/commands/ipv4address.h"
 
 #include <QHostAddress>
 

@@ -1,8 +1,8 @@
 // "status", also run when no command word is given: the service's Details.
 #include "client/kepclient.h"
 
+#include "client/reports/valueprinter.h"
 #include "kep_interface.h"
-#include "reports/valueprinter.h"
 
 #include <QDebug>
 

@@ -1,9 +1,9 @@
-#include "sim/scenario.h"
+#include "sim/format/scenario.h"
 
 #include "service/endpoint.h"
-#include "sim/interface.h"
-#include "sim/message.h"
-#include "sim/playable.h"
+#include "sim/format/interface.h"
+#include "sim/format/message.h"
+#include "sim/format/playable.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,7 +3,7 @@
 
 // Helpers for D-Bus messages and what kep-sim says about them, used by the service, the replay and the
 // recorder alike.
-#include "sim/glibptr.h"
+#include "sim/format/glibptr.h"
 
 #include <string>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include "sim/secrets.h"
+#include "sim/format/secrets.h"
 
 #include "service/endpoint.h"
 

@@ -4,9 +4,9 @@
 # for packages, piuparts. The chroot's packages come from the mirror this machine's apt uses (through its
 # proxy, if it has one). piuparts needs root: as another user it goes through sudo, and without either, or
 # when no mirror answers, the test says it was skipped and why, and passes.
-#   tests/piuparts_test.sh DIR ARCHITECTURE VERSION
+#   tests/packages/piuparts_test.sh DIR ARCHITECTURE VERSION
 set -euo pipefail
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/../.."
 dir=$1
 arch=$2
 version=$3

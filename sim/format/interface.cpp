@@ -1,4 +1,4 @@
-#include "sim/interface.h"
+#include "sim/format/interface.h"
 
 #include "interfacexml.h"
 #include "service/endpoint.h"

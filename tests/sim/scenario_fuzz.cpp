@@ -5,10 +5,10 @@
 //   scenario_fuzz --seed N --seconds S --rows FILE --findings DIR [--cases FILE]... [CORPUS]...
 // A finding is written to DIR and named; the input being read is always in DIR/last-input.gv, so that
 // after a crash that file is the one that caused it.
-#include "sim/message.h"
-#include "sim/playable.h"
-#include "sim/scenario.h"
-#include "sim/secrets.h"
+#include "sim/format/message.h"
+#include "sim/format/playable.h"
+#include "sim/format/scenario.h"
+#include "sim/format/secrets.h"
 
 #include <gio/gio.h>
 

@@ -1,6 +1,6 @@
 // What kep-sim takes out of the files it writes: which key names are secret, what a value becomes with its
 // secrets replaced, and which calls a replay takes for a recorded one that holds placeholders.
-#include "sim/secrets.h"
+#include "sim/format/secrets.h"
 
 #include <cstdio>
 #include <string>

@@ -7,7 +7,7 @@
 # under its build-id and that gdb finds a function's source line through it,
 # lintian (no error, no warning), the manual pages (no warning) and the bash
 # completion.
-#   tests/package_test.sh DIR ARCHITECTURE VERSION
+#   tests/packages/package_test.sh DIR ARCHITECTURE VERSION
 set -euo pipefail
 dir=$1
 arch=$2

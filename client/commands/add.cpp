@@ -1,5 +1,5 @@
 // "add": replace the service's list of wireless networks.
-#include "commands/add.h"
+#include "client/commands/add.h"
 
 #include "client/kepclient.h"
 

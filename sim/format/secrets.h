@@ -12,7 +12,7 @@
 //   property a Get or Set names);
 // - the arguments of WpsPin.
 // A secret's text met again inside another text, an error message say, is replaced there too.
-#include "sim/step.h"
+#include "sim/format/step.h"
 
 #include <map>
 #include <string>

@@ -1,7 +1,7 @@
 // The report that ends "scan": every network, its properties one tab in.
 #include "client/kepclient.h"
 
-#include "reports/valueprinter.h"
+#include "client/reports/valueprinter.h"
 
 #include <QDebug>
 

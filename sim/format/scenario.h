@@ -4,8 +4,8 @@
 // The scenario format: what the simulated service holds and plays, written as one GVariant dictionary
 // (type a{sv}) that a person can read and edit. The reader and the writer are both here, driven by one
 // table of the keys.
-#include "sim/glibptr.h"
-#include "sim/step.h"
+#include "sim/format/glibptr.h"
+#include "sim/format/step.h"
 
 #include <map>
 #include <string>

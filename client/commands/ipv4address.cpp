@@ -1,6 +1,6 @@
 // The IPv4 check of the IP settings commands: QHostAddress's reading of an
 // IPv4 address, without linking the network library for it.
-#include "commands/ipv4address.h"
+#include "client/commands/ipv4address.h"
 
 #include <QByteArray>
 

@@ -4,7 +4,7 @@
 // One step of a program's dialog with the service: a call the program made and the service's answer to
 // it, or a signal the service sent.
 #include "service/endpoint.h"
-#include "sim/glibptr.h"
+#include "sim/format/glibptr.h"
 
 #include <string>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "sim/message.h"
+#include "sim/format/message.h"
 
 #include "service/endpoint.h"
 

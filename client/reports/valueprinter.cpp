@@ -1,4 +1,4 @@
-#include "reports/valueprinter.h"
+#include "client/reports/valueprinter.h"
 
 #include <QDBusObjectPath>
 #include <QDBusSignature>
