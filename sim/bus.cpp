@@ -207,19 +207,6 @@ void endLeftovers()
         fail(std::to_string(left.size()) + " processes of COMMAND would not end, even with SIGKILL");
 }
 
-using Action = std::function<void()>;
-
-gboolean runAction(gpointer action)
-{
-    (*static_cast<Action *>(action))();
-    return G_SOURCE_REMOVE;
-}
-
-void deleteAction(gpointer action)
-{
-    delete static_cast<Action *>(action);
-}
-
 } // namespace
 
 PrivateBus::~PrivateBus()
@@ -314,6 +301,8 @@ void onStopSignal(std::function<void()> action)
 int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid,
             const std::function<void()> &started)
 {
+    // Watched before COMMAND starts: a stop signal it sends at once is kep-sim's to handle.
+    onStopSignal(onStop);
     if (!command.empty()) {
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         g_autoptr(GError) error = nullptr;
@@ -323,15 +312,16 @@ int runLoop(GDBusConnection *served, const CommandLine &command, const std::stri
         const bool spawned
             = g_spawn_async(nullptr, const_cast<char **>(command.data()), environment, GSpawnFlags(flags),
                             endWithKepSim, nullptr, &run.commandPid, &error);
-        if (!spawned)
+        if (!spawned) {
+            onStopSignal(nullptr);
             return fail(error->message, CannotRunStatus);
+        }
         g_child_watch_add(run.commandPid, onCommandEnd, nullptr);
     }
     if (started)
         started();
     run.loop = g_main_loop_new(nullptr, FALSE);
     run.busPid = busPid;
-    onStopSignal(onStop);
     const gulong closedHandler = g_signal_connect_swapped(served, "closed", G_CALLBACK(onBusClosed), nullptr);
     g_main_loop_run(run.loop);
     if (run.killTimer)
@@ -346,9 +336,4 @@ int runLoop(GDBusConnection *served, const CommandLine &command, const std::stri
     if (run.interrupted)
         return InterruptedStatus;
     return run.commandStatus;
-}
-
-void later(guint ms, std::function<void()> action)
-{
-    g_timeout_add_full(G_PRIORITY_DEFAULT, ms, runAction, new Action(std::move(action)), deleteAction);
 }
