@@ -2,7 +2,7 @@
 #define KEP_SIM_BUS_H
 
 // The buses kep-sim works on and the main loop it runs: a dbus-daemon of its own, connections, the
-// service's name, COMMAND under the loop, and actions run later on the loop.
+// service's name, and COMMAND under the loop.
 #include "sim/format/glibptr.h"
 
 #include <functional>
@@ -50,8 +50,5 @@ int runLoop(GDBusConnection *served, const CommandLine &command, const std::stri
 
 // What SIGINT, SIGTERM and SIGHUP do from now on, once the main loop runs; nothing, with no action.
 void onStopSignal(std::function<void()> action);
-
-// Runs `action` on the main loop after `ms` milliseconds; may be called from any thread.
-void later(guint ms, std::function<void()> action);
 
 #endif

@@ -1,7 +1,5 @@
 #include "sim/device.h"
 
-#include "sim/bus.h"
-
 namespace {
 
 // What DHCP gives the bench's interfaces, and what else the made Details show.
@@ -47,9 +45,8 @@ struct Addressing {
     std::string dns;
 };
 
-Addressing addressing(const Variant &settings, const char *dhcpAddress, bool up)
+Addressing addressing(GVariant *written, const char *dhcpAddress, bool up)
 {
-    GVariant *written = settings.get();
     if (g_variant_is_of_type(written, G_VARIANT_TYPE_VARDICT) && g_variant_n_children(written) > 0) {
         // "Gatewap" is the service's spelling of the key.
         return {"static", textIn(written, "Ip"), textIn(written, "Netmask"), textIn(written, "Gatewap"),
@@ -96,7 +93,7 @@ Variant Device::call(std::string_view member, GVariant *args)
         return own(g_variant_new("(@a{sv})", details.get()));
     }
     if (member == "Scan") {
-        later(m_state.scanDelayMs, [this] { sayScanResults(); });
+        m_timers.after(m_state.scanDelayMs, [this] { sayScanResults(); });
     } else if (member == "SetNormalMode" && isNormalMode(firstArgument)) {
         switchMode(firstArgument);
     } else if (member == "SetNormalMode") {
@@ -104,13 +101,13 @@ Variant Device::call(std::string_view member, GVariant *args)
     } else if (member == "SetOffMode") {
         switchMode("off");
     } else if (member == "StopSoftAp") {
-        if (firstArgument == m_softApInterface && currentMode() == "softap")
+        if (firstArgument == m_state.softApInterface && currentMode() == "softap")
             switchMode("off");
     } else if (member == "StartSoftAp") {
         g_autoptr(GVariant) settings = g_variant_get_child_value(args, 1);
         g_autoptr(GVariantDict) apSettings = g_variant_dict_new(settings);
         g_variant_dict_insert(apSettings, "Interface", "s", word);
-        m_softApInterface = firstArgument;
+        m_state.softApInterface = firstArgument;
         m_state.properties["SoftApModeSettings"] = own(g_variant_dict_end(apSettings));
         switchMode("softap");
         say("Started", g_variant_new("()"));
@@ -123,16 +120,16 @@ Variant Device::call(std::string_view member, GVariant *args)
 // One run at a time: a second request during a run changes nothing.
 void Device::startWps()
 {
-    if (m_wpsRunning)
+    if (m_state.wpsRunning)
         return;
-    m_wpsRunning = true;
+    m_state.wpsRunning = true;
     const guint step = m_state.wpsStepMs;
     const guint passes = m_state.wpsScanPasses;
     for (guint pass = 1; pass <= passes; ++pass) {
-        later(step * pass, [this] { sayScanResults(); });
+        m_timers.after(step * pass, [this] { sayScanResults(); });
     }
-    later(step * (passes + 1), [this] {
-        m_wpsRunning = false;
+    m_timers.after(step * (passes + 1), [this] {
+        m_state.wpsRunning = false;
         if (m_state.wpsError.empty())
             say("WpsCredentials", g_variant_new("(@a{sv})", m_state.wpsCredentials.get()));
         else
@@ -189,9 +186,9 @@ Variant Device::madeDetails() const
     const bool wiredUp = mode == "automatic" || mode == "wired" || mode == "hybrid";
     const bool wirelessUp = mode == "automatic" || mode == "wireless" || mode == "hybrid";
     const auto &properties = m_state.properties;
-    const Addressing wired = addressing(properties.at("WiredIpSettings"), WiredDhcpAddress, wiredUp);
+    const Addressing wired = addressing(properties.at("WiredIpSettings").get(), WiredDhcpAddress, wiredUp);
     const Addressing wireless
-        = addressing(properties.at("WirelessIpSettings"), WirelessDhcpAddress, wirelessUp);
+        = addressing(properties.at("WirelessIpSettings").get(), WirelessDhcpAddress, wirelessUp);
     gint32 knownNetworks = 0;
     std::string ssid = firstNetwork(properties.at("WirelessNetworks").get(), knownNetworks);
     std::string state = "disconnected";
@@ -219,7 +216,7 @@ Variant Device::madeDetails() const
         wired.address.c_str(), wired.netmask.c_str(), wired.gateway.c_str(), wired.dns.c_str(),
         upOrDown(wirelessUp), wireless.method.c_str(), wireless.address.c_str(), wireless.netmask.c_str(),
         wireless.gateway.c_str(), wireless.dns.c_str(), ssid.c_str(), signalStrength, knownNetworks,
-        m_softApInterface.c_str(), gboolean(softAp), apAddress.c_str()));
+        m_state.softApInterface.c_str(), gboolean(softAp), apAddress.c_str()));
 }
 
 void Device::switchMode(const std::string &mode)

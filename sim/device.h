@@ -5,6 +5,7 @@
 // scans and WPS runs answered after their delays, and Details made from the state. It knows nothing of
 // D-Bus: its signals go out through the callback it is given.
 #include "sim/format/scenario.h"
+#include "sim/timers.h"
 
 #include <functional>
 #include <string_view>
@@ -34,8 +35,7 @@ private:
 
     DeviceState m_state;
     const Emit m_emit;
-    std::string m_softApInterface = "uap0";
-    bool m_wpsRunning = false;
+    Timers m_timers; // last: its actions, which call the device, go before the rest of it
 };
 
 #endif

@@ -1,7 +1,6 @@
 #include "sim/replay.h"
 
 #include "service/endpoint.h"
-#include "sim/bus.h"
 #include "sim/format/message.h"
 #include "sim/format/secrets.h"
 
@@ -34,17 +33,16 @@ void Replay::start(GDBusConnection *bus)
     m_lastActivity = g_get_monotonic_time();
     playSignals(0);
     if (m_nextCall < m_dialog.size())
-        g_timeout_add(WatchIntervalMs, watch, this);
+        m_timers.after(WatchIntervalMs, [this] { watch(); });
 }
 
-gboolean Replay::watch(gpointer self)
+// Every WatchIntervalMs, for as long as the dialog has calls to come.
+void Replay::watch()
 {
-    auto *replay = static_cast<Replay *>(self);
-    replay->sayIfStuck();
-    const std::lock_guard<std::mutex> hold(replay->m_lock);
-    if (replay->m_nextCall >= replay->m_dialog.size())
-        return G_SOURCE_REMOVE;
-    return G_SOURCE_CONTINUE;
+    sayIfStuck();
+    const std::lock_guard<std::mutex> hold(m_lock);
+    if (m_nextCall < m_dialog.size())
+        m_timers.after(WatchIntervalMs, [this] { watch(); });
 }
 
 // Once for each step the dialog gets stuck at: nothing left to send, no answer the caller waits for, and
@@ -68,7 +66,7 @@ void Replay::sayIfStuck()
 void Replay::afterPending(guint ms, std::function<void()> action)
 {
     m_pending += 1;
-    later(ms, [this, action] {
+    m_timers.after(ms, [this, action] {
         action();
         const std::lock_guard<std::mutex> hold(m_lock);
         m_pending -= 1;
@@ -132,34 +130,31 @@ void Replay::playSignals(size_t from)
     if (end == from)
         return;
     m_pending += end - from;
-    auto *signals = new SignalRun {this, from, end, g_get_monotonic_time(), 0};
-    g_timeout_add_full(G_PRIORITY_DEFAULT, 0, playDue, signals, nullptr);
+    const SignalRun signals {from, end, g_get_monotonic_time(), 0};
+    m_timers.after(0, [this, signals] { playDue(signals); });
 }
 
 // On the main loop: the signals of the run that are due, then a wait for the next.
-gboolean Replay::playDue(gpointer data)
+void Replay::playDue(SignalRun signals)
 {
-    std::unique_ptr<SignalRun> signals(static_cast<SignalRun *>(data));
-    Replay &replay = *signals->replay;
-    while (signals->next < signals->end) {
-        const Step &step = replay.m_dialog[signals->next];
-        const gint64 dueMs = signals->playedMs + step.afterMs;
+    while (signals.next < signals.end) {
+        const Step &step = m_dialog[signals.next];
+        const gint64 dueMs = signals.playedMs + step.afterMs;
         const gint64 waitMicroseconds
-            = signals->start + dueMs * MicrosecondsPerMillisecond - g_get_monotonic_time();
+            = signals.start + dueMs * MicrosecondsPerMillisecond - g_get_monotonic_time();
         if (waitMicroseconds > 0) {
             const guint waitMs
                 = guint((waitMicroseconds + MicrosecondsPerMillisecond - 1) / MicrosecondsPerMillisecond);
-            g_timeout_add_full(G_PRIORITY_DEFAULT, waitMs, playDue, signals.release(), nullptr);
-            return G_SOURCE_REMOVE;
+            m_timers.after(waitMs, [this, signals] { playDue(signals); });
+            return;
         }
-        signals->playedMs = dueMs;
-        signals->next += 1;
+        signals.playedMs = dueMs;
+        signals.next += 1;
         const Variant args = orEmptyTuple(step.args.get());
-        g_dbus_connection_emit_signal(replay.m_bus, nullptr, kep::ObjectPath, step.interfaceName().c_str(),
+        g_dbus_connection_emit_signal(m_bus, nullptr, kep::ObjectPath, step.interfaceName().c_str(),
                                       step.member.c_str(), args.get(), nullptr);
-        const std::lock_guard<std::mutex> hold(replay.m_lock);
-        replay.m_pending -= 1;
-        replay.m_lastActivity = g_get_monotonic_time();
+        const std::lock_guard<std::mutex> hold(m_lock);
+        m_pending -= 1;
+        m_lastActivity = g_get_monotonic_time();
     }
-    return G_SOURCE_REMOVE;
 }

@@ -6,6 +6,7 @@
 // that is not the dialog's next one is named, and left to the simulated service; the dialog then still
 // waits for the call it expected. Once the dialog is played, the simulated service answers everything.
 #include "sim/format/scenario.h"
+#include "sim/timers.h"
 
 #include <functional>
 #include <mutex>
@@ -27,14 +28,13 @@ public:
 private:
     // Signals being played: the steps from `next` up to `end`, timed from `start`.
     struct SignalRun {
-        Replay *replay;
         size_t next;
         size_t end;
         gint64 start;    // monotonic microseconds
         gint64 playedMs; // when the last one played was due, since `start`
     };
-    static gboolean watch(gpointer self);
-    static gboolean playDue(gpointer signals);
+    void watch();
+    void playDue(SignalRun signals);
     void sayIfStuck();
     void afterPending(guint ms, std::function<void()> action);
     void answer(const Step &step, GDBusMessage *call);
@@ -50,6 +50,7 @@ private:
     gint64 m_lastActivity = 0;      // when a call came or something was sent last
     size_t m_saidStuckAt = NotSaid; // the step last said to be stuck at
     static constexpr size_t NotSaid = size_t(-1);
+    Timers m_timers; // last: its actions, which call the replay, go before the rest of it
 };
 
 #endif

@@ -16,6 +16,9 @@ using Variant = std::unique_ptr<GVariant, VariantUnref>;
 struct ObjectUnref {
     void operator()(gpointer object) const { g_object_unref(object); }
 };
+// A value kept where copies are made: the copies share the one GVariant, which never changes.
+using SharedVariant = std::shared_ptr<GVariant>;
+
 template <typename T> using Object = std::unique_ptr<T, ObjectUnref>;
 
 // Takes over a reference, floating (g_variant_new_*) or full.

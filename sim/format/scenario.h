@@ -13,16 +13,20 @@
 #include <utility>
 #include <vector>
 
-// The simulated device: its properties and how it answers scans and WPS runs.
+// The simulated device, all of it: its properties, how it answers scans and WPS runs, and what it is
+// doing. A copy is a snapshot.
 struct DeviceState {
-    std::map<std::string, Variant> properties; // Details only when given: otherwise made from the state
-    bool silent = false;                       // no signal of the service's own
+    std::map<std::string, SharedVariant> properties; // Details only when given: otherwise made from the state
+    bool silent = false;                             // no signal of the service's own
     guint scanDelayMs = 0;
-    Variant scanResults;
+    SharedVariant scanResults;
     guint wpsScanPasses = 0; // WPS: this many ScanResults signals, then the outcome, a step apart
     guint wpsStepMs = 0;
-    Variant wpsCredentials;
+    SharedVariant wpsCredentials;
     std::string wpsError; // not empty: the run ends with WpsError
+    // What the device is doing, which no scenario sets.
+    std::string softApInterface = "uap0";
+    bool wpsRunning = false;
 };
 
 struct Scenario {
