@@ -13,6 +13,10 @@ const std::string_view Properties = "org.freedesktop.DBus.Properties";
 const std::string_view Introspectable = "org.freedesktop.DBus.Introspectable";
 const std::string_view Peer = "org.freedesktop.DBus.Peer";
 
+// The calls the control interface lists: the latest this many, so that a service left running for days
+// keeps its size.
+constexpr size_t MaxCallsKept = 1000;
+
 // What GDBus will make of a call, judged before any handler sees it.
 enum class Judgement { Accepted, Refused, ReadOnly };
 
@@ -161,6 +165,8 @@ GDBusMessage *Service::filter(GDBusConnection *bus, GDBusMessage *message, gbool
         return message;
     {
         const std::lock_guard<std::mutex> hold(service->m_callsLock);
+        if (service->m_calls.size() == MaxCallsKept)
+            service->m_calls.pop_front();
         service->m_calls.push_back(std::move(call));
     }
     if (service->m_replay.answered(message)) {
@@ -221,53 +227,84 @@ void Service::read(const char *name, GDBusMethodInvocation *invocation)
     }
 }
 
+// Each control method by name; one the table lacks is refused, never run as another.
 void Service::control(std::string_view member, GVariant *args, GDBusMethodInvocation *invocation)
 {
-    const char *name = "";
-    if (member == "Calls") {
-        g_autoptr(GVariantBuilder) list = g_variant_builder_new(G_VARIANT_TYPE("a(sssb)"));
-        const std::lock_guard<std::mutex> hold(m_callsLock);
-        for (const Call &call : m_calls) {
-            g_variant_builder_add(list, "(sssb)", call.member.c_str(), call.signature.c_str(),
-                                  call.body.c_str(), call.refused);
-        }
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(a(sssb))", list));
+    using Method = void (Service::*)(GVariant *, GDBusMethodInvocation *);
+    static const std::map<std::string_view, Method> methods = {
+        {"Calls", &Service::listCalls},         {"ClearCalls", &Service::clearCalls},
+        {"SetProperty", &Service::setProperty}, {"FailReads", &Service::failReads},
+        {"EmitSignal", &Service::emitSignal},   {"EmitSignals", &Service::emitSignals},
+    };
+    const auto method = methods.find(member);
+    if (method == methods.end()) {
+        g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD,
+                                              "%s has no method %.*s", SimInterfaceName, int(member.size()),
+                                              member.data());
         return;
     }
-    if (member == "EmitSignal") {
-        g_autoptr(GVariant) single = g_variant_new_parsed("[%@(sav)]", args);
-        emitAll(single, invocation);
-        return;
+    (this->*(method->second))(args, invocation);
+}
+
+void Service::listCalls(GVariant *, GDBusMethodInvocation *invocation)
+{
+    g_autoptr(GVariantBuilder) list = g_variant_builder_new(G_VARIANT_TYPE("a(sssb)"));
+    const std::lock_guard<std::mutex> hold(m_callsLock);
+    for (const Call &call : m_calls) {
+        g_variant_builder_add(list, "(sssb)", call.member.c_str(), call.signature.c_str(), call.body.c_str(),
+                              call.refused);
     }
-    if (member == "EmitSignals") {
-        g_autoptr(GVariant) burst = g_variant_get_child_value(args, 0);
-        emitAll(burst, invocation);
-        return;
-    }
-    if (member == "ClearCalls") {
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(a(sssb))", list));
+}
+
+void Service::clearCalls(GVariant *, GDBusMethodInvocation *invocation)
+{
+    {
         const std::lock_guard<std::mutex> hold(m_callsLock);
         m_calls.clear();
-    } else if (member == "SetProperty") {
-        GVariant *value = nullptr;
-        g_variant_get(args, "(&sv)", &name, &value);
-        Variant owned = own(value);
-        if (!kepProperty(name)) {
-            invalid(invocation, std::string(kep::InterfaceName) + " has no property " + name);
-            return;
-        }
-        m_device.setProperty(name, std::move(owned));
-        m_readFaults.erase(name);
-    } else { // FailReads
-        const char *error = "";
-        const char *message = "";
-        g_variant_get(args, "(&s&s&s)", &name, &error, &message);
-        if (*error && !g_dbus_is_interface_name(error)) {
-            invalid(invocation, "'" + std::string(error) + "' is not a D-Bus error name");
-            return;
-        }
-        m_readFaults[name] = {error, message};
     }
     g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+void Service::setProperty(GVariant *args, GDBusMethodInvocation *invocation)
+{
+    const char *name = "";
+    GVariant *value = nullptr;
+    g_variant_get(args, "(&sv)", &name, &value);
+    Variant owned = own(value);
+    if (!kepProperty(name)) {
+        invalid(invocation, std::string(kep::InterfaceName) + " has no property " + name);
+        return;
+    }
+    m_device.setProperty(name, std::move(owned));
+    m_readFaults.erase(name);
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+void Service::failReads(GVariant *args, GDBusMethodInvocation *invocation)
+{
+    const char *name = "";
+    const char *error = "";
+    const char *message = "";
+    g_variant_get(args, "(&s&s&s)", &name, &error, &message);
+    if (*error && !g_dbus_is_interface_name(error)) {
+        invalid(invocation, "'" + std::string(error) + "' is not a D-Bus error name");
+        return;
+    }
+    m_readFaults[name] = {error, message};
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+void Service::emitSignal(GVariant *args, GDBusMethodInvocation *invocation)
+{
+    g_autoptr(GVariant) single = g_variant_new_parsed("[%@(sav)]", args);
+    emitAll(single, invocation);
+}
+
+void Service::emitSignals(GVariant *args, GDBusMethodInvocation *invocation)
+{
+    g_autoptr(GVariant) burst = g_variant_get_child_value(args, 0);
+    emitAll(burst, invocation);
 }
 
 // Every signal of `burst` (a(sav)), back to back, once all of them are known to be signal names.

@@ -8,6 +8,7 @@
 #include "sim/device.h"
 #include "sim/replay.h"
 
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -39,6 +40,13 @@ private:
     void properties(std::string_view member, GVariant *args, GDBusMethodInvocation *invocation);
     void read(const char *name, GDBusMethodInvocation *invocation);
     void control(std::string_view member, GVariant *args, GDBusMethodInvocation *invocation);
+    // The control interface's methods, each answering its call.
+    void listCalls(GVariant *args, GDBusMethodInvocation *invocation);
+    void clearCalls(GVariant *args, GDBusMethodInvocation *invocation);
+    void setProperty(GVariant *args, GDBusMethodInvocation *invocation);
+    void failReads(GVariant *args, GDBusMethodInvocation *invocation);
+    void emitSignal(GVariant *args, GDBusMethodInvocation *invocation);
+    void emitSignals(GVariant *args, GDBusMethodInvocation *invocation);
     void emitAll(GVariant *burst, GDBusMethodInvocation *invocation);
     void emit(const char *signal, GVariant *args);
 
@@ -48,8 +56,8 @@ private:
     GDBusConnection *m_bus = nullptr; // the connection served on, which outlives the service
     std::map<std::string, ReadFault> m_readFaults;
     std::vector<Object<GDBusMethodInvocation>> m_unanswered;
-    std::mutex m_callsLock; // the filter runs on GDBus's own thread
-    std::vector<Call> m_calls;
+    std::mutex m_callsLock;   // the filter runs on GDBus's own thread
+    std::deque<Call> m_calls; // the latest, at most MaxCallsKept
 };
 
 #endif
