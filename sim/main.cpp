@@ -14,14 +14,15 @@
 namespace {
 
 const char Usage[] = R"(Usage: kep-sim [--scenario FILE] [--trace] run [--] COMMAND [ARGS...]
-       kep-sim [--scenario FILE] [--trace] [serve] [--system | --address ADDRESS]
+       kep-sim [--scenario FILE] [--trace] serve [--system | --address ADDRESS]
        kep-sim [--scenario FILE] check
        kep-sim capture [--system | --address ADDRESS] [--keep-secrets] [--output FILE]
        kep-sim record [--system | --address ADDRESS] [--keep-secrets] --output FILE [--] COMMAND [ARGS...]
 run: serve on a private bus while COMMAND runs with DBUS_SYSTEM_BUS_ADDRESS set to it. serve: print
-DBUS_SYSTEM_BUS_ADDRESS=... once up. --trace: calls and signals on stderr. capture: the service's
-state as a scenario. record: COMMAND's dialog with the service as a scenario. Both leave out Wi-Fi
-keys, passphrases and PINs unless --keep-secrets, and write FILE for its owner only. See kep-sim(1).
+DBUS_SYSTEM_BUS_ADDRESS=... once up; the word may be left out after --system or --address ADDRESS.
+--trace: calls and signals on stderr. capture: the service's state as a scenario. record: COMMAND's
+dialog with the service as a scenario. Both leave out Wi-Fi keys, passphrases and PINs unless
+--keep-secrets, and write FILE for its owner only. See kep-sim(1).
 )";
 
 // Exit statuses of kep-sim's own; a bus failure is BusFailureStatus.
@@ -220,8 +221,11 @@ int capture(const Options &options)
 int main(int argc, char **argv)
 {
     Options options;
-    if (!parse(argc, argv, options))
+    if (!parse(argc, argv, options)) {
+        if (options.word == "record" && options.output.empty())
+            return fail("record needs --output FILE; see kep-sim --help", UsageStatus);
         return fail("expected run, serve, check, capture or record; see kep-sim --help", UsageStatus);
+    }
     if (options.word == "--help") {
         std::fputs(Usage, stdout);
         return 0;
