@@ -15,6 +15,9 @@ A case is a block of lines; a blank line ends it, a line starting with # is a co
                           EmitSignals) while the client is stopped, so that they reach it in one read
   ~ restart               once the client listens, the service restarts
   ~ drop-bus              once the client listens, the bus goes away
+  ~ call Method (args,)   once the client listens, the runner calls Method of kep-sim's control interface
+                          In a "$ sim" run on {bus}, "~" lines play once the service has been asked to scan
+                          or to start WPS (the client listens before it asks).
   & clock S               a fast clock, the run ending after S of its seconds
   & prog NAME             the client started as NAME
   & no-argv               the client started with no argument vector
@@ -66,6 +69,8 @@ BUS_DAEMON = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.
 BUS_STATS = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats')
 # scan and wps both listen for ScanResults, wps last of all and after its call
 LAST_LISTENED_SIGNAL = 'ScanResults'
+# the calls after which the client waits for the service's signals
+WAITED_CALLS = ('Scan', 'WpsPbc')
 
 # A child with no argument vector dies with the runner too.
 PR_SET_PDEATHSIG = 1  # from <linux/prctl.h>
@@ -127,6 +132,12 @@ class Bus:
     def control(self, method, signature='()', *args):
         """Calls a method of kep-sim's control interface."""
         return self.call(SIM_CONTROL, method, signature, *args)
+
+    def control_with(self, method, args):
+        """Calls a method of kep-sim's control interface with args, a tuple."""
+        name, path, interface = SIM_CONTROL
+        self.conn.call_sync(name, path, interface, method, args, None, Gio.DBusCallFlags.NONE,
+                            CALL_TIMEOUT_MS, None)
 
     def listening(self, member):
         """Whether some connection on the bus has a match rule for the signal member."""
@@ -204,9 +215,10 @@ def client_env(bus, case):
 
 def listened_member(text):
     """The signal a "~" line waits for the client to listen for."""
-    if ' ' in text:
-        return text.split(' ', 1)[0]
-    return LAST_LISTENED_SIGNAL  # restart, drop-bus
+    first = text.split(' ', 1)[0]
+    if first in ('restart', 'drop-bus', 'call'):
+        return LAST_LISTENED_SIGNAL
+    return first
 
 
 def check_no_network_library(client):
@@ -215,8 +227,8 @@ def check_no_network_library(client):
         assert 'libQt5Network' not in maps.read(), 'the waiting client maps QtNetwork'
 
 
-def parse_signal(text):
-    """A signal's member and its arguments, a tuple, from "Member (args,)"."""
+def parse_member(text):
+    """A signal's or method's name and its arguments, a tuple, from "Member (args,)"."""
     member, args_text = text.split(' ', 1)
     return member, GLib.Variant.parse(None, args_text, None, None)
 
@@ -251,18 +263,44 @@ def send(bus, client, kind, texts):
         bus.serve()
     elif first == 'drop-bus':
         bus.daemon.kill()
+    elif first.startswith('call '):
+        member, args = parse_member(first.split(' ', 1)[1])
+        bus.control_with(member, args)
     elif kind == '~!':  # from the runner's own connection, on the service's path and interface
-        member, args = parse_signal(first)
+        member, args = parse_member(first)
         bus.conn.emit_signal(None, KEP_PATH, KEP_INTERFACE, member, args)
     elif len(texts) == 1:
-        member, args = parse_signal(first)
+        member, args = parse_member(first)
         bus.control('EmitSignal', '(sav)', member, unpacked(args))
     else:
         burst = []
         for text in texts:
-            member, args = parse_signal(text)
+            member, args = parse_member(text)
             burst.append((member, unpacked(args)))
         send_burst(bus, client, burst)
+
+
+def play(bus, case, process, ready, check=None):
+    """What the case's "~" lines do during the run of process, each once ready(text) has waited for its
+    moment; check(process) before each."""
+    for kind, texts in case.get('~', []):
+        for text in texts:
+            ready(text)
+        if check:
+            check(process)
+        send(bus, process, kind, texts)
+
+
+def client_listens(bus):
+    """The moment of a "~" line in a run of the client: it listens for the line's signal."""
+    return lambda text: bus.wait_until_listening(listened_member(text))
+
+
+def service_asked_to_wait(bus):
+    """The moment of a "~" line in a run of kep-sim: the service was asked for what the client waits for."""
+    def asked():
+        return any(member in WAITED_CALLS for member, _, _, _ in bus.control('Calls')[0])
+    return lambda text: until(asked, 'the service to be asked for ' + ' or '.join(WAITED_CALLS))
 
 
 def run_client(bus, case, words):
@@ -280,11 +318,7 @@ def run_client(bus, case, words):
         client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL,
                                   stdout=out, stderr=err, preexec_fn=without_argv)
         try:
-            for kind, texts in case.get('~', []):
-                for text in texts:
-                    bus.wait_until_listening(listened_member(text))
-                check_no_network_library(client)
-                send(bus, client, kind, texts)
+            play(bus, case, client, client_listens(bus), check_no_network_library)
             status = client.wait(timeout=CLIENT_LIMIT)
         finally:
             stop(client)
@@ -309,10 +343,18 @@ def run_sim(bus, case, words):
     for word in words[1:]:
         arguments.extend(names.get(word, [word]))
     started = time.monotonic()
-    done = subprocess.run(WITH_US + [SIM] + arguments, env=client_env(bus, case), stdin=subprocess.DEVNULL,
-                          capture_output=True, timeout=SIM_LIMIT)
-    seconds = time.monotonic() - started
-    return Outcome(done.returncode, done.stdout, done.stderr.decode('utf-8', 'replace'), '', seconds)
+    with open(os.path.join(WORK, 'out'), 'w+b') as out, open(os.path.join(WORK, 'err'), 'w+b') as err:
+        sim = subprocess.Popen(WITH_US + [SIM] + arguments, env=client_env(bus, case),
+                               stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+        try:
+            play(bus, case, sim, service_asked_to_wait(bus))
+            status = sim.wait(timeout=SIM_LIMIT)
+        finally:
+            stop(sim)
+        seconds = time.monotonic() - started
+        out.seek(0)
+        err.seek(0)
+        return Outcome(status, out.read(), err.read().decode('utf-8', 'replace'), '', seconds)
 
 
 def received_calls(bus):
