@@ -23,8 +23,17 @@ const char PathPlaceholderStart[] = "/removed_secret_";
 // chance in texts that have nothing to do with it.
 constexpr size_t MinSearchedLength = 4;
 
+// Whether the lower case letters from `at` on are only the 's' of a plural: "PINs", "PSKsHex".
+bool onlyPluralFrom(std::string_view name, size_t at)
+{
+    const bool isS = at < name.size() && name[at] == 's';
+    const bool endsThere = at + 1 >= name.size() || !g_ascii_islower(name[at + 1]);
+    return isS && endsThere;
+}
+
 // Where a name is cut into words: at a blank, '_' or '-', and where letters turn to digits or back, or a
-// lower case letter to an upper case one ("wepKey" is wep key, "WEPKey" WEP Key).
+// lower case letter to an upper case one ("wepKey" is wep key, "WEPKey" WEP Key). The plural 's' of an
+// abbreviation stays with it ("PINs" is PINs).
 bool startsWord(std::string_view name, size_t at)
 {
     const char before = name[at - 1];
@@ -34,7 +43,8 @@ bool startsWord(std::string_view name, size_t at)
     if (g_ascii_islower(before) && g_ascii_isupper(here))
         return true;
     const bool nextIsLower = at + 1 < name.size() && g_ascii_islower(name[at + 1]);
-    return g_ascii_isupper(before) && g_ascii_isupper(here) && nextIsLower;
+    const bool wordGoesOn = nextIsLower && !onlyPluralFrom(name, at + 1);
+    return g_ascii_isupper(before) && g_ascii_isupper(here) && wordGoesOn;
 }
 
 std::vector<std::string> wordsOf(std::string_view name)
@@ -113,6 +123,103 @@ bool startsWith(std::string_view text, std::string_view start)
     return text.substr(0, start.size()) == start;
 }
 
+// The length of the text placeholder "[removed secret N]" at `at`; 0 when none stands there.
+size_t placeholderAt(std::string_view text, size_t at)
+{
+    const std::string_view start = TextPlaceholderStart;
+    if (text.compare(at, start.size(), start) != 0)
+        return 0;
+    size_t end = at + start.size();
+    const size_t digitsAt = end;
+    while (end < text.size() && g_ascii_isdigit(text[end]))
+        end += 1;
+    if (end == digitsAt || end >= text.size() || text[end] != TextPlaceholderEnd[0])
+        return 0;
+    return end + 1 - at;
+}
+
+// A text as a pattern: its characters, and for each placeholder in it one character of any kind, then any
+// number of them.
+constexpr int AnyOne = -1;
+constexpr int AnyMany = -2;
+
+std::vector<int> patternOf(std::string_view text)
+{
+    std::vector<int> pattern;
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t placeholderLength = placeholderAt(text, at);
+        if (placeholderLength > 0) {
+            pattern.push_back(AnyOne);
+            pattern.push_back(AnyMany);
+            at += placeholderLength;
+        } else {
+            pattern.push_back(static_cast<unsigned char>(text[at]));
+            at += 1;
+        }
+    }
+    return pattern;
+}
+
+// Whether `live` is the text `recorded` with any text of one character or more where that has a
+// placeholder: the one place to go back to is the last placeholder passed, so that it takes
+// time in proportion to the product of the two lengths at most.
+bool sameTextButPlaceholders(std::string_view recorded, std::string_view live)
+{
+    const std::vector<int> pattern = patternOf(recorded);
+    size_t liveAt = 0;
+    size_t patternAt = 0;
+    size_t lastMany = std::string_view::npos;
+    size_t resumeAt = 0;
+    while (liveAt < live.size()) {
+        const bool inPattern = patternAt < pattern.size();
+        const int wanted = inPattern ? pattern[patternAt] : 0;
+        if (inPattern && (wanted == AnyOne || wanted == static_cast<unsigned char>(live[liveAt]))) {
+            liveAt += 1;
+            patternAt += 1;
+        } else if (inPattern && wanted == AnyMany) {
+            lastMany = patternAt;
+            resumeAt = liveAt;
+            patternAt += 1;
+        } else if (lastMany != std::string_view::npos) {
+            patternAt = lastMany + 1;
+            resumeAt += 1;
+            liveAt = resumeAt;
+        } else {
+            return false;
+        }
+    }
+    while (patternAt < pattern.size() && pattern[patternAt] == AnyMany)
+        patternAt += 1;
+    return patternAt == pattern.size();
+}
+
+// The text a secret is looked for by inside other texts: a string's, an object path's, a byte array's
+// (without its closing NUL), a number's digits; empty where there is none, or it is too short to tell.
+std::string searchedText(GVariant *secret)
+{
+    std::string found;
+    if (g_variant_is_of_type(secret, G_VARIANT_TYPE_STRING)
+        || g_variant_is_of_type(secret, G_VARIANT_TYPE_OBJECT_PATH)) {
+        found = g_variant_get_string(secret, nullptr);
+    } else if (g_variant_is_of_type(secret, G_VARIANT_TYPE_BYTESTRING)) {
+        gsize size = 0;
+        const char *bytes = static_cast<const char *>(g_variant_get_fixed_array(secret, &size, 1));
+        found.assign(bytes, size);
+        if (!found.empty() && found.back() == '\0')
+            found.pop_back();
+        if (found.find('\0') != std::string::npos)
+            found.clear();
+    } else if (!g_variant_is_of_type(secret, G_VARIANT_TYPE_BOOLEAN)
+               && g_variant_is_of_type(secret, G_VARIANT_TYPE_BASIC)) {
+        g_autofree char *digits = g_variant_print(secret, FALSE);
+        found = digits;
+    }
+    if (found.size() < MinSearchedLength)
+        found.clear();
+    return found;
+}
+
 // Whether a recorded secret is a placeholder. A number or a truth value cannot tell: it counts as one.
 bool isPlaceholder(GVariant *recorded)
 {
@@ -167,6 +274,10 @@ bool sameButPlaceholders(GVariant *recorded, GVariant *live, Holds holds)
     const Holds here = holdsFor(recorded, holds);
     if (here == Holds::Secret && replacedWhole(recorded) && isPlaceholder(recorded))
         return true;
+    if (g_variant_is_of_type(recorded, G_VARIANT_TYPE_STRING)) {
+        return sameTextButPlaceholders(g_variant_get_string(recorded, nullptr),
+                                       g_variant_get_string(live, nullptr));
+    }
     if (!g_variant_is_container(recorded) || g_variant_is_of_type(recorded, G_VARIANT_TYPE_BYTESTRING))
         return g_variant_equal(recorded, live);
     const gsize count = g_variant_n_children(recorded);
@@ -204,7 +315,28 @@ bool isSecretName(std::string_view name)
     return false;
 }
 
+void SecretRemover::learnFrom(const std::string &property, GVariant *value)
+{
+    const size_t removedBefore = m_removed;
+    removedFrom(property, value); // meets, and so numbers, every secret in it
+    m_removed = removedBefore;
+}
+
+// Learnt first: a secret the step reveals is out of the texts that come before it in the step too.
 Step SecretRemover::removedFrom(const Step &step)
+{
+    const size_t removedBefore = m_removed;
+    removedFrom(step, Values::New);
+    m_removed = removedBefore;
+    return removedFrom(step, Values::New);
+}
+
+Step SecretRemover::textsRemovedFrom(const Step &step)
+{
+    return removedFrom(step, Values::Written);
+}
+
+Step SecretRemover::removedFrom(const Step &step, Values values)
 {
     Step removed;
     removed.isCall = step.isCall;
@@ -214,7 +346,6 @@ Step SecretRemover::removedFrom(const Step &step)
     removed.replyMs = step.replyMs;
     removed.hasReplyMs = step.hasReplyMs;
     removed.error = step.error;
-    const bool inTexts = !step.isCall; // a call's own arguments are matched as they stand in a replay
     for (const bool ofReply : {false, true}) {
         GVariant *args = step.args.get();
         if (ofReply)
@@ -226,7 +357,7 @@ Step SecretRemover::removedFrom(const Step &step)
         const gsize count = g_variant_n_children(args);
         for (gsize index = 0; index < count; ++index) {
             g_autoptr(GVariant) arg = g_variant_get_child_value(args, index);
-            Variant cleaned = removedFrom(arg, argumentHolds(step, index, ofReply), inTexts || ofReply);
+            Variant cleaned = removedFrom(arg, argumentHolds(step, index, ofReply), values);
             if (!cleaned)
                 cleaned = shared(arg);
             g_variant_builder_add_value(&builder, cleaned.get());
@@ -243,23 +374,21 @@ Step SecretRemover::removedFrom(const Step &step)
 
 Variant SecretRemover::removedFrom(const std::string &property, GVariant *value)
 {
-    Variant cleaned = removedFrom(value, holdsUnder(property, Holds::Plain), true);
+    Variant cleaned = removedFrom(value, holdsUnder(property, Holds::Plain), Values::New);
     if (!cleaned)
         return shared(value);
     return cleaned;
 }
 
-// The value with its secrets replaced, or null when it has none; `inTexts`: a secret's text is also
-// replaced inside the value's other texts.
-Variant SecretRemover::removedFrom(GVariant *value, Holds holds, bool inTexts)
+// The value with its secrets replaced, or null when it has none. Values written once keep their
+// placeholders; only the texts in them are searched again.
+Variant SecretRemover::removedFrom(GVariant *value, Holds holds, Values values)
 {
     const Holds here = holdsFor(value, holds);
-    if (here == Holds::Secret && replacedWhole(value))
+    if (here == Holds::Secret && replacedWhole(value) && values == Values::New)
         return placeholder(value);
     if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
         const std::string text = g_variant_get_string(value, nullptr);
-        if (!inTexts)
-            return nullptr;
         const std::string cleaned = withoutSecretTexts(text);
         if (cleaned == text)
             return nullptr;
@@ -280,7 +409,7 @@ Variant SecretRemover::removedFrom(GVariant *value, Holds holds, bool inTexts)
         }
         Variant cleaned;
         if (!(entry && index == 0)) // a key is a name, kept
-            cleaned = removedFrom(child, childHolds, inTexts);
+            cleaned = removedFrom(child, childHolds, values);
         if (cleaned)
             changed = true;
         else
@@ -308,6 +437,14 @@ Variant SecretRemover::placeholder(GVariant *secret)
     const guint number = found->second;
     m_removed += 1;
     const std::string text = TextPlaceholderStart + std::to_string(number) + TextPlaceholderEnd;
+    const std::string secretText = searchedText(secret);
+    if (isNew && !secretText.empty()) {
+        m_texts.emplace_back(secretText, text);
+        // the longest first, so that a secret holding another is replaced whole
+        std::stable_sort(m_texts.begin(), m_texts.end(), [](const auto &one, const auto &other) {
+            return one.first.size() > other.first.size();
+        });
+    }
     switch (type[0]) {
     case 'b':
         return own(g_variant_new_boolean(FALSE));
@@ -338,27 +475,33 @@ Variant SecretRemover::placeholder(GVariant *secret)
     default: // a string
         break;
     }
-    const std::string secretText = g_variant_get_string(secret, nullptr);
-    if (isNew && secretText.size() >= MinSearchedLength) {
-        m_texts.emplace_back(secretText, text);
-        // the longest first, so that a secret holding another is replaced whole
-        std::stable_sort(m_texts.begin(), m_texts.end(), [](const auto &one, const auto &other) {
-            return one.first.size() > other.first.size();
-        });
-    }
     return own(g_variant_new_string(text.c_str()));
 }
 
+// Each secret's text where it stands in `text`, left to right; the longest first where several begin at
+// one place, and a placeholder passed over whole.
 std::string SecretRemover::withoutSecretTexts(const std::string &text)
 {
-    std::string cleaned = text;
-    for (const auto &[secretText, placeholderText] : m_texts) {
-        size_t at = cleaned.find(secretText);
-        while (at != std::string::npos) {
-            cleaned.replace(at, secretText.size(), placeholderText);
-            m_removed += 1;
-            at = cleaned.find(secretText, at + placeholderText.size());
+    std::string cleaned;
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t placeholderLength = placeholderAt(text, at);
+        if (placeholderLength > 0) {
+            cleaned.append(text, at, placeholderLength);
+            at += placeholderLength;
+            continue;
         }
+        const auto secret = std::find_if(m_texts.begin(), m_texts.end(), [&text, at](const auto &known) {
+            return text.compare(at, known.first.size(), known.first) == 0;
+        });
+        if (secret == m_texts.end()) {
+            cleaned += text[at];
+            at += 1;
+            continue;
+        }
+        cleaned += secret->second;
+        m_removed += 1;
+        at += secret->first.size();
     }
     return cleaned;
 }

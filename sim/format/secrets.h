@@ -11,7 +11,8 @@
 // - every value inside a network's own map in WirelessNetworks (a key of that name in a dictionary, or the
 //   property a Get or Set names);
 // - the arguments of WpsPin.
-// A secret's text met again inside another text, an error message say, is replaced there too.
+// A secret's text (a string's, an object path's, a byte array's, or a long enough number's) met inside
+// another text, an error message say, is replaced there too; a placeholder already put is never searched.
 #include "sim/format/step.h"
 
 #include <map>
@@ -34,17 +35,29 @@ bool isSecretName(std::string_view name);
 class SecretRemover
 {
 public:
+    // Learns the secrets a property's value holds, replacing nothing: a text written later, before that
+    // value, has them replaced too.
+    void learnFrom(const std::string &property, GVariant *value);
+
     // The step with its secrets replaced.
     Step removedFrom(const Step &step);
 
     // A property's value with its secrets replaced.
     Variant removedFrom(const std::string &property, GVariant *value);
 
+    // A step written once already, its placeholders in place: the secrets learned since replaced in its
+    // texts.
+    Step textsRemovedFrom(const Step &step);
+
     // How many secrets have been replaced so far, inside other texts too.
     size_t removed() const { return m_removed; }
 
 private:
-    Variant removedFrom(GVariant *value, Holds holds, bool inTexts);
+    // Whether the values are new, or were written once already with their placeholders in place.
+    enum class Values { New, Written };
+
+    Step removedFrom(const Step &step, Values values);
+    Variant removedFrom(GVariant *value, Holds holds, Values values);
     Variant placeholder(GVariant *secret);
     std::string withoutSecretTexts(const std::string &text);
 
