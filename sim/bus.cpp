@@ -33,9 +33,6 @@ constexpr guint StopGraceSeconds = 3;
 // How often what COMMAND left running is looked for again while it ends.
 constexpr gulong LeftoverPollMicroseconds = 20000;
 
-// What kep-sim's signals exit with, as a shell reports SIGINT.
-constexpr int InterruptedStatus = 130;
-
 // What a shell exits with when it cannot run a command.
 constexpr int CannotRunStatus = 127;
 

@@ -12,6 +12,9 @@
 // What kep-sim exits with when a bus fails it.
 constexpr int BusFailureStatus = 1;
 
+// What kep-sim exits with when SIGINT, SIGTERM or SIGHUP end its run, as a shell reports SIGINT.
+constexpr int InterruptedStatus = 130;
+
 // A dbus-daemon of kep-sim's own that anyone may use, for as long as the object lives.
 class PrivateBus
 {

@@ -52,7 +52,7 @@ void onRead(GObject *bus, GAsyncResult *result, gpointer data)
 
 } // namespace
 
-bool captureProperties(GDBusConnection *bus, std::vector<Entry> &properties, std::string &leftOut)
+Captured captureProperties(GDBusConnection *bus, std::vector<Entry> &properties, std::string &leftOut)
 {
     auto readings = std::make_shared<Readings>();
     for (GDBusPropertyInfo **property = kepInterface()->properties; *property; ++property) {
@@ -71,7 +71,11 @@ bool captureProperties(GDBusConnection *bus, std::vector<Entry> &properties, std
     }
     GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
     readings->loop = loop;
-    onStopSignal([loop] { g_main_loop_quit(loop); });
+    bool interrupted = false;
+    onStopSignal([loop, &interrupted] {
+        interrupted = true;
+        g_main_loop_quit(loop);
+    });
     if (readings->waiting > 0)
         g_main_loop_run(loop);
     onStopSignal(nullptr);
@@ -88,5 +92,9 @@ bool captureProperties(GDBusConnection *bus, std::vector<Entry> &properties, std
             problem = "interrupted";
         leftOut += std::string("kep-sim: ") + name + " left out: " + problem + "\n";
     }
-    return leftOut.empty();
+    if (interrupted)
+        return Captured::Interrupted;
+    if (!leftOut.empty())
+        return Captured::LeftOut;
+    return Captured::Whole;
 }

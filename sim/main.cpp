@@ -151,6 +151,9 @@ void saySecretsRemoved(size_t removed)
 // written there unless COMMAND starts.
 int record(const Options &options)
 {
+    const std::string refusal = outputRefusal(options.output);
+    if (!refusal.empty())
+        return fail(refusal, UsageStatus);
     OutputFile output(options.output);
     if (!output.create())
         return WriteFailureStatus;
@@ -178,26 +181,36 @@ int record(const Options &options)
         return commandStatus;
     std::vector<Entry> properties;
     std::string leftOut;
-    captureProperties(service, properties, leftOut);
+    const Captured captured = captureProperties(service, properties, leftOut);
     std::fputs(leftOut.c_str(), stderr);
     if (!recorder.finish(properties))
         return WriteFailureStatus;
     saySecretsRemoved(recorder.secretsRemoved());
+    if (captured == Captured::Interrupted)
+        return InterruptedStatus;
     return commandStatus;
 }
 
 // The service's state as a scenario, on standard output or in --output.
 int capture(const Options &options)
 {
+    if (!options.output.empty()) {
+        const std::string refusal = outputRefusal(options.output);
+        if (!refusal.empty())
+            return fail(refusal, UsageStatus);
+    }
     g_autoptr(GDBusConnection) bus = connectTo(serviceBus(options));
     if (!bus)
         return BusFailureStatus;
     std::vector<Entry> properties;
     std::string leftOut;
-    const bool complete = captureProperties(bus, properties, leftOut);
+    const Captured captured = captureProperties(bus, properties, leftOut);
     std::fputs(leftOut.c_str(), stderr);
     SecretRemover remover;
     if (!options.keepSecrets) {
+        // Every secret is known before any value is written.
+        for (const Entry &property : properties)
+            remover.learnFrom(property.first, property.second.get());
         for (Entry &property : properties)
             property.second = remover.removedFrom(property.first, property.second.get());
     }
@@ -211,7 +224,9 @@ int capture(const Options &options)
             return WriteFailureStatus;
     }
     saySecretsRemoved(remover.removed());
-    if (!complete)
+    if (captured == Captured::Interrupted)
+        return InterruptedStatus;
+    if (captured == Captured::LeftOut)
         return BusFailureStatus;
     return 0;
 }

@@ -16,7 +16,33 @@ namespace {
 constexpr mode_t OwnerOnly = 0600;
 constexpr size_t CopyBufferSize = 64 * 1024;
 
+// What a file that is not regular is, as a person would name it.
+const char *kindOf(mode_t mode)
+{
+    if (S_ISDIR(mode))
+        return "a directory";
+    if (S_ISCHR(mode))
+        return "a character device";
+    if (S_ISBLK(mode))
+        return "a block device";
+    if (S_ISFIFO(mode))
+        return "a FIFO";
+    if (S_ISSOCK(mode))
+        return "a socket";
+    return "not a regular file";
+}
+
 } // namespace
+
+std::string outputRefusal(const std::string &path)
+{
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0)
+        return ""; // nothing there yet, or nothing kep-sim can look at: creating it says what is wrong
+    if (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))
+        return "";
+    return shown(path) + " is " + kindOf(status.st_mode) + ": kep-sim writes only regular files";
+}
 
 OutputFile::~OutputFile()
 {
@@ -81,6 +107,33 @@ bool OutputFile::appendCopyOf(const OutputFile &other)
     }
 }
 
+bool OutputFile::readLines(const std::function<bool(std::string_view line)> &take)
+{
+    char buffer[CopyBufferSize];
+    std::string line;
+    off_t offset = 0;
+    while (true) {
+        const ssize_t count = pread(m_fd, buffer, sizeof buffer, offset);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return failed("read back");
+        if (count == 0)
+            break;
+        offset += count;
+        for (ssize_t index = 0; index < count; ++index) {
+            if (buffer[index] != '\n') {
+                line += buffer[index];
+                continue;
+            }
+            if (!take(line))
+                return false;
+            line.clear();
+        }
+    }
+    return take(line);
+}
+
 bool OutputFile::sync()
 {
     if (!m_unsynced)
@@ -95,6 +148,11 @@ bool OutputFile::place()
 {
     if (!sync())
         return false;
+    const std::string refusal = outputRefusal(m_path); // something put there since it was looked at
+    if (!refusal.empty()) {
+        fail(refusal);
+        return false;
+    }
     if (g_rename(m_temporary.c_str(), m_path.c_str()) != 0)
         return failed("write");
     m_temporary.clear();

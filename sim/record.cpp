@@ -230,6 +230,11 @@ bool Recorder::finish(const std::vector<Entry> &properties)
     for (Pending &pending : m_pending)
         pending.whole = true;
     writeWhole();
+    // Every secret of the state is known before any of it is written.
+    if (!m_keepSecrets) {
+        for (const Entry &property : properties)
+            m_remover.learnFrom(property.first, property.second.get());
+    }
     std::vector<Entry> state;
     for (const Entry &property : properties) {
         Variant value;
@@ -243,9 +248,43 @@ bool Recorder::finish(const std::vector<Entry> &properties)
         return false;
     // The whole recording, put in place at once.
     OutputFile whole(m_output.path());
-    if (!whole.create() || !whole.appendCopyOf(m_output))
+    if (!whole.create())
         return false;
-    if (!whole.append(recordingTail(state)))
+    bool copied = false;
+    if (m_keepSecrets)
+        copied = whole.appendCopyOf(m_output);
+    else
+        copied = appendCleanedSteps(whole);
+    if (!copied || !whole.append(recordingTail(state)))
         return false;
     return whole.place();
+}
+
+// The steps as written while the session went, read back one by one, with every secret the session
+// revealed since taken out of their texts too.
+bool Recorder::appendCleanedSteps(OutputFile &whole)
+{
+    if (!whole.append(recordingHead()))
+        return false;
+    const std::string_view stepStart = "    {";
+    bool first = true;
+    bool appended = true;
+    const auto clean = [&](std::string_view line) {
+        if (line.substr(0, stepStart.size()) != stepStart)
+            return true; // the recording's head
+        std::string_view stepText = line.substr(stepStart.size() - 1);
+        if (!stepText.empty() && stepText.back() == ',')
+            stepText.remove_suffix(1);
+        Step step;
+        std::string problem;
+        if (!readRecordingStep(stepText, step, problem)) {
+            fail("cannot read back " + shown(m_output.path()) + ": " + problem);
+            appended = false;
+            return false;
+        }
+        appended = whole.append(recordingStep(m_remover.textsRemovedFrom(step), first));
+        first = false;
+        return appended;
+    };
+    return m_output.readLines(clean) && appended;
 }

@@ -60,6 +60,7 @@ private:
     void add(Step step, gint64 now, bool whole);
     void writeWhole();
     void write(const Step &step);
+    bool appendCleanedSteps(OutputFile &whole);
 
     GDBusConnection *m_service; // outlives the recorder
     GDBusConnection *m_program; // outlives the recorder

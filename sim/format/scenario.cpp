@@ -159,6 +159,9 @@ const char DictionaryType[] = "a{sv}"; // a scenario's, and each step's
 constexpr size_t MaxQuotedLength = 60;
 constexpr size_t MaxProblemLength = 300;
 
+// What g_utf8_get_char_validated() gives for a character the text ends inside.
+constexpr gunichar PartialCharacter = gunichar(-2);
+
 // Blanks as GLib's GVariant text parser takes them.
 bool isBlank(char character)
 {
@@ -197,8 +200,16 @@ public:
     bool read()
     {
         const char *invalid = nullptr;
-        if (!g_utf8_validate(m_text.data(), m_text.size(), &invalid))
-            return refuse(invalid - m_text.data(), notText(*invalid));
+        if (!g_utf8_validate(m_text.data(), m_text.size(), &invalid)) {
+            // A file cut short may end inside a character: it ends before that character.
+            const size_t invalidAt = invalid - m_text.data();
+            const std::string_view rest = m_text.substr(invalidAt);
+            const gunichar character = g_utf8_get_char_validated(invalid, gssize(rest.size()));
+            const bool cutCharacter = character == PartialCharacter && rest.find('\0') == rest.npos;
+            if (!cutCharacter)
+                return refuse(invalidAt, notText(*invalid));
+            m_end = invalidAt;
+        }
         size_t at = 0;
         if (!dictionary(at, "", DictionaryType))
             return false;
@@ -524,7 +535,7 @@ private:
 
     const std::string m_path;
     const std::string_view m_text;
-    const size_t m_end;
+    size_t m_end;
     Scenario &m_scenario;
     std::string &m_message;
 };
@@ -599,6 +610,20 @@ std::string recordingStep(const Step &step, bool first)
 std::string recordingTail(const std::vector<Entry> &properties)
 {
     return "\n  ]>" + propertyLines(properties) + "\n}\n";
+}
+
+bool readRecordingStep(std::string_view text, Step &step, std::string &message)
+{
+    Scenario scenario;
+    const std::string dialog = "{" + quoted(DialogKey) + ": <[" + std::string(text) + "]>}";
+    if (!Reader("the recording", dialog, scenario, message).read())
+        return false;
+    if (scenario.dialog.size() != 1 || scenario.cutShort) {
+        message = "not one whole step";
+        return false;
+    }
+    step = std::move(scenario.dialog.front());
+    return true;
 }
 
 std::string scenarioText(const std::vector<Entry> &properties, const Dialog &dialog)

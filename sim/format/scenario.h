@@ -55,4 +55,7 @@ std::string recordingHead();
 std::string recordingStep(const Step &step, bool first);
 std::string recordingTail(const std::vector<Entry> &properties);
 
+// One step as recordingStep() writes it, without the blanks before it and the comma after it.
+bool readRecordingStep(std::string_view text, Step &step, std::string &message);
+
 #endif

@@ -184,7 +184,7 @@ def check_capture_interrupted():
         recorder.send_signal(signal.SIGINT)
         printed = recorder.communicate(timeout=WAIT_LIMIT)[1]
         left_out = ''.join('kep-sim: %s left out: interrupted\n' % name for name in PROPERTIES)
-        expect('record', (recorder.returncode, printed), (0, left_out))
+        expect('record', (recorder.returncode, printed), (130, left_out))
         expect('the recording', recording(), "{\n  'dialog': <@aa{sv} [\n  ]>\n}\n")
     finally:
         service.close()
