@@ -3,6 +3,7 @@
 #include "service/endpoint.h"
 
 #include <cstdio>
+#include <cstring>
 
 int fail(const std::string &message, int status)
 {
@@ -25,7 +26,7 @@ std::string shown(std::string_view text, size_t limit)
     const char *at = text.data();
     const char *end = text.data() + text.size();
     while (at < end) {
-        if (characters == limit)
+        if (characters >= limit)
             return out + ellipsis;
         const gunichar character = g_utf8_get_char_validated(at, end - at);
         const bool valid = character != gunichar(-1) && character != gunichar(-2);
@@ -34,10 +35,12 @@ std::string shown(std::string_view text, size_t limit)
             g_snprintf(escaped, sizeof escaped, "\\x%02x", guint(guchar(*at)));
             out += escaped;
             at += 1;
+            characters += std::strlen(escaped) - 1; // an escape counts as the characters it shows
         } else if (g_unichar_iscntrl(character)) {
             g_snprintf(escaped, sizeof escaped, "\\u%04x", guint(character));
             out += escaped;
             at = g_utf8_next_char(at);
+            characters += std::strlen(escaped) - 1;
         } else {
             const char *next = g_utf8_next_char(at);
             out.append(at, next);

@@ -12,7 +12,7 @@
 int fail(const std::string &message, int status = 1);
 
 // Text from outside as one line of a message: control characters escaped, and cut with an ellipsis
-// past `limit` characters.
+// past `limit` characters as shown (an escape counts as the characters it takes).
 std::string shown(std::string_view text, size_t limit = 80);
 
 // Arguments as a tuple: `arguments` itself, or () when there are none.
