@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # Installs what is missing, checks the style, builds, and runs the whole test suite: on a plain
 # build; on this machine's release packages (scripts/package.sh), installed and purged by piuparts
-# and built twice to show they are reproducible; on a build with AddressSanitizer and UBSan;
-# and the end-to-end suites once more with the armhf kepclient of the armhf
-# release build under qemu-arm, and the armhf packages.
+# and built twice to show they are reproducible; on a build with AddressSanitizer and UBSan; kep-sim's
+# scenario reader under libFuzzer; and the end-to-end suites once more with the armhf kepclient of the
+# armhf release build under qemu-arm, and the armhf packages.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # hardening-check (devscripts) and gdb-multiarch for the package test, piuparts and adequate for
-# installing the packages, clang-format and pycodestyle for the style check.
-scripts/install-deps.sh devscripts gdb-multiarch piuparts adequate clang-format pycodestyle
+# installing the packages, clang-format and pycodestyle for the style check, clang and its libFuzzer for
+# the fuzz build.
+scripts/install-deps.sh devscripts gdb-multiarch piuparts adequate clang-format pycodestyle clang-14 \
+    libclang-rt-14-dev
 
 echo "== style =="
 scripts/style.sh
@@ -36,6 +38,11 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=ON >/dev/null
 cmake --build build-asan -j"$jobs"
 ctest --test-dir build-asan --output-on-failure
 why_skipped build-asan
+
+echo "== libFuzzer on kep-sim's scenario reader: clang with AddressSanitizer and UBSan =="
+CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=Debug -DKEP_FUZZ=ON >/dev/null
+cmake --build build-fuzz -j"$jobs" --target scenario_fuzz
+ctest --test-dir build-fuzz -R '^scenario_fuzz$' --output-on-failure
 
 echo "== armhf: release packages, and the end-to-end suites with their kepclient under qemu-arm =="
 scripts/package.sh armhf
