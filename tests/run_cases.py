@@ -16,8 +16,9 @@ A case is a block of lines; a blank line ends it, a line starting with # is a co
   ~ restart               once the client listens, the service restarts
   ~ drop-bus              once the client listens, the bus goes away
   ~ call Method (args,)   once the client listens, the runner calls Method of kep-sim's control interface
-                          In a "$ sim" run on {bus}, "~" lines play once the service has been asked to scan
-                          or to start WPS (the client listens before it asks).
+  ~ signal NAME           once the client listens, the run's program gets SIGNAME
+                          In a "$ sim" run on {bus}, "~" lines play once the service has received a call
+                          ("& when MEMBER": a call of MEMBER).
   & clock S               a fast clock, the run ending after S of its seconds
   & prog NAME             the client started as NAME
   & no-argv               the client started with no argument vector
@@ -25,12 +26,13 @@ A case is a block of lines; a blank line ends it, a line starting with # is a co
   & recapture             the service serves what kep-sim's capture read of it
   & scenario TEXT         kep-sim's scenario ("\\n" a line break)
   & exit N                the run's exit status (otherwise 0)
-  & pace                  each run of the case takes as long as its first, within 10 % or 0.1 s
   | text                  a line of standard error, ⇥ a tab, · a blank ("| @name": the block "= @name"
                           defines with its own | lines)
   > Member sig (body)     a call the service received, in order ("> !": refused); none listed, none made
 Standard output stays empty in every run.
 """
+import argparse
+import contextlib
 import ctypes
 import functools
 import glob
@@ -69,25 +71,19 @@ BUS_DAEMON = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.
 BUS_STATS = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus.Debug.Stats')
 # scan and wps both listen for ScanResults, wps last of all and after its call
 LAST_LISTENED_SIGNAL = 'ScanResults'
-# the calls after which the client waits for the service's signals
-WAITED_CALLS = ('Scan', 'WpsPbc')
 
 # A child with no argument vector dies with the runner too.
 PR_SET_PDEATHSIG = 1  # from <linux/prctl.h>
 
 # Limits, in seconds.
 CALL_TIMEOUT_MS = 5000  # one call of the runner's on the bus
-CLIENT_LIMIT = 120  # one run of the client
-SIM_LIMIT = 60  # one run of kep-sim's command line
+RUN_LIMIT = 120  # one run of the client or of kep-sim's command line
 # The fast clock runs CLOCK_SPEED times as fast as the real one. A run on it ends after at least its S
 # seconds and fewer than S * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START: room for a slow start under the
 # sanitizers.
 CLOCK_SPEED = 60
 CLOCK_SLOW_FACTOR = 4
 CLOCK_SLOW_START = 120
-# A run of a "pace" case is as long as the case's first run, within this share of it or this many seconds.
-PACE_TOLERANCE = 0.1
-PACE_SLACK = 0.1
 
 # How much a failure shows.
 SHOWN_OUTPUT_BYTES = 200
@@ -102,7 +98,6 @@ class Outcome:
     stdout: bytes
     stderr: str
     prog: str  # the client as started, '' for a run of kep-sim's command line
-    seconds: float
 
 
 def write_file(path, content):
@@ -216,7 +211,7 @@ def client_env(bus, case):
 def listened_member(text):
     """The signal a "~" line waits for the client to listen for."""
     first = text.split(' ', 1)[0]
-    if first in ('restart', 'drop-bus', 'call'):
+    if first in ('restart', 'drop-bus', 'call', 'signal'):
         return LAST_LISTENED_SIGNAL
     return first
 
@@ -288,7 +283,10 @@ def play(bus, case, process, ready, check=None):
             ready(text)
         if check:
             check(process)
-        send(bus, process, kind, texts)
+        if texts[0].startswith('signal '):
+            os.kill(process.pid, signal.Signals['SIG' + texts[0].split(' ', 1)[1]])
+        else:
+            send(bus, process, kind, texts)
 
 
 def client_listens(bus):
@@ -296,11 +294,32 @@ def client_listens(bus):
     return lambda text: bus.wait_until_listening(listened_member(text))
 
 
-def service_asked_to_wait(bus):
-    """The moment of a "~" line in a run of kep-sim: the service was asked for what the client waits for."""
-    def asked():
-        return any(member in WAITED_CALLS for member, _, _, _ in bus.control('Calls')[0])
-    return lambda text: until(asked, 'the service to be asked for ' + ' or '.join(WAITED_CALLS))
+def service_called(bus, member):
+    """The moment of a "~" line in a run of kep-sim: the service has received a call of `member`, or any
+    call when no member is given."""
+    def called():
+        return any(not member or call[0] == member for call in bus.control('Calls')[0])
+    return lambda text: until(called, 'the service to be called ' + member)
+
+
+def run_program(command, env, case, bus, ready, check=None, preexec=None):
+    """One run, in a process group of its own that goes with it, however it ends; gives its exit status,
+    standard output and standard error, and how long it took."""
+    with open(os.path.join(WORK, 'out'), 'w+b') as out, open(os.path.join(WORK, 'err'), 'w+b') as err:
+        started = time.monotonic()
+        process = subprocess.Popen(WITH_US + command, env=env, stdin=subprocess.DEVNULL, stdout=out,
+                                   stderr=err, preexec_fn=preexec, start_new_session=True)
+        try:
+            play(bus, case, process, ready, check)
+            status = process.wait(timeout=RUN_LIMIT)
+        finally:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, signal.SIGKILL)
+            process.wait()
+        seconds = time.monotonic() - started
+        out.seek(0)
+        err.seek(0)
+        return status, out.read(), err.read().decode('utf-8', 'replace'), seconds
 
 
 def run_client(bus, case, words):
@@ -313,24 +332,14 @@ def run_client(bus, case, words):
     without_argv = None
     if 'no-argv' in case:
         without_argv = functools.partial(exec_without_argv, env)
-    with open(os.path.join(WORK, 'out'), 'w+b') as out, open(os.path.join(WORK, 'err'), 'w+b') as err:
-        started = time.monotonic()
-        client = subprocess.Popen(WITH_US + WRAPPER + [prog] + words, env=env, stdin=subprocess.DEVNULL,
-                                  stdout=out, stderr=err, preexec_fn=without_argv)
-        try:
-            play(bus, case, client, client_listens(bus), check_no_network_library)
-            status = client.wait(timeout=CLIENT_LIMIT)
-        finally:
-            stop(client)
-        seconds = time.monotonic() - started
-        if 'clock' in case:
-            clock_seconds = float(case['clock'])
-            ended_after = seconds * CLOCK_SPEED
-            assert clock_seconds <= ended_after < clock_seconds * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START, \
-                'ended after %.1f of its seconds, not %s' % (ended_after, case['clock'])
-        out.seek(0)
-        err.seek(0)
-        return Outcome(status, out.read(), err.read().decode('utf-8', 'replace'), prog, seconds)
+    status, out, err, seconds = run_program(WRAPPER + [prog] + words, env, case, bus, client_listens(bus),
+                                            check_no_network_library, without_argv)
+    if 'clock' in case:
+        clock_seconds = float(case['clock'])
+        ended_after = seconds * CLOCK_SPEED
+        assert clock_seconds <= ended_after < clock_seconds * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START, \
+            'ended after %.1f of its seconds, not %s' % (ended_after, case['clock'])
+    return Outcome(status, out, err, prog)
 
 
 def run_sim(bus, case, words):
@@ -342,19 +351,10 @@ def run_sim(bus, case, words):
     arguments = []
     for word in words[1:]:
         arguments.extend(names.get(word, [word]))
-    started = time.monotonic()
-    with open(os.path.join(WORK, 'out'), 'w+b') as out, open(os.path.join(WORK, 'err'), 'w+b') as err:
-        sim = subprocess.Popen(WITH_US + [SIM] + arguments, env=client_env(bus, case),
-                               stdin=subprocess.DEVNULL, stdout=out, stderr=err)
-        try:
-            play(bus, case, sim, service_asked_to_wait(bus))
-            status = sim.wait(timeout=SIM_LIMIT)
-        finally:
-            stop(sim)
-        seconds = time.monotonic() - started
-        out.seek(0)
-        err.seek(0)
-        return Outcome(status, out.read(), err.read().decode('utf-8', 'replace'), '', seconds)
+    env = client_env(bus, case)
+    ready = service_called(bus, case.get('when', ''))
+    status, out, err, _ = run_program([SIM] + arguments, env, case, bus, ready)
+    return Outcome(status, out, err, '')
 
 
 def received_calls(bus):
@@ -375,7 +375,9 @@ def expected_stderr(case, blocks, prog):
             lines.append(line)
     text = ''.join(line.replace('⇥', '\t').replace('·', ' ') + '\n' for line in lines)
     quoted_prog = prog.replace('\\', '\\\\').replace('"', '\\"')  # as the client quotes its name
-    return text.replace('{prog}', quoted_prog).replace('{scenario}', SCENARIO)
+    for name, path in (('{prog}', quoted_prog), ('{scenario}', SCENARIO), ('{recording}', RECORDING)):
+        text = text.replace(name, path)
+    return text
 
 
 def run(bus, case, blocks, words):
@@ -400,9 +402,6 @@ def run(bus, case, blocks, words):
             shown_seen = seen[:SHOWN_TEXT_CHARS]
             shown_wanted = wanted[:SHOWN_TEXT_CHARS]
             problems.append('%s:\n%s\nexpected:\n%s' % (what, shown_seen, shown_wanted))
-    first = case.setdefault('seconds', outcome.seconds)
-    if 'pace' in case and abs(outcome.seconds - first) > max(PACE_TOLERANCE * first, PACE_SLACK):
-        problems.append('took %.2f s, the case\'s first run %.2f s' % (outcome.seconds, first))
     assert not problems, '\n'.join(problems)
 
 
@@ -419,8 +418,10 @@ def parse(path):
         if line.startswith('#'):
             continue
         if current is None:
-            current = {'line': number}
+            current = {'line': number, 'text': ''}
             entries.append(current)
+        current['end'] = number
+        current['text'] += line + '\n'
         tag, _, text = line.partition(' ')
         if tag == '&':
             option, _, value = text.partition(' ')
@@ -451,11 +452,18 @@ def command_words(command_line):
     return shlex.split(command_line)
 
 
-def runs(paths):
-    """Every run of every table: the table's name, the case, the table's blocks and the run's words."""
-    for path in paths:
+def runs(tables, words):
+    """Every run of the cases asked for: the table's name, the case, the table's blocks and the run's words.
+    A table is named by its path, or PATH:LINE for the case with that line; `words`, when given, picks the
+    cases with a line that holds them."""
+    for table in tables:
+        path, _, line = table.partition(':')
         cases, blocks = parse(path)
         for case in cases:
+            if line and not case['line'] <= int(line) <= case['end']:
+                continue
+            if words and words not in case['text']:
+                continue
             for command_line in case.get('$', ['']):
                 yield os.path.basename(path), case, blocks, command_words(command_line)
 
@@ -471,10 +479,14 @@ def skipped_under_emulation(case, words):
 
 
 def main():
+    arguments = argparse.ArgumentParser(description='Runs tables of end-to-end cases, or some of them.')
+    arguments.add_argument('tables', nargs='+', metavar='TABLE[:LINE]', help='a table, or its case at LINE')
+    arguments.add_argument('-k', dest='words', default='', help='only the cases with a line that holds WORDS')
+    asked = arguments.parse_args()
     counts = {'ok': 0, 'FAIL': 0, 'skipped': 0}
     bus = Bus()
     try:
-        for table, case, blocks, words in runs(sys.argv[1:]):
+        for table, case, blocks, words in runs(asked.tables, asked.words):
             where = '%s:%d %s' % (table, case['line'], shlex.join(map(str, words))[:SHOWN_WORDS_CHARS])
             if skipped_under_emulation(case, words):
                 counts['skipped'] += 1

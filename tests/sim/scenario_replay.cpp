@@ -1,7 +1,7 @@
 // The scenario fuzz target's checks without libFuzzer, for the builds that have none: the rows of a table
-// of hostile texts, each with the refusal it must get (or "accepted"), the case tables' scenarios, and
-// every file named (the fuzz corpus, or a finding to reproduce).
-//   scenario_replay [--rows FILE] [--cases FILE]... [FILE]...
+// of hostile texts, each with the refusal it must get (or "accepted"), and every file named (the fuzz
+// corpus, or a finding to reproduce).
+//   scenario_replay [--rows FILE] [FILE]...
 // A fault the target finds ends the run with what was wrong, as under libFuzzer.
 #include "sim/format/scenario.h"
 
@@ -108,23 +108,6 @@ int runRows(const std::string &path, int &rows)
     return failures;
 }
 
-// The scenarios of the case tables: "& scenario TEXT", with \n for a line end.
-void addCaseScenarios(const std::string &path, std::vector<std::string> &inputs)
-{
-    std::ifstream table(path);
-    std::string line;
-    const std::string tag = "& scenario ";
-    while (std::getline(table, line)) {
-        if (line.rfind(tag, 0) != 0)
-            continue;
-        std::string scenario = line.substr(tag.size());
-        size_t at = 0;
-        while ((at = scenario.find("\\n", at)) != std::string::npos)
-            scenario.replace(at, 2, "\n");
-        inputs.push_back(scenario);
-    }
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -138,9 +121,6 @@ int main(int argc, char **argv)
         if (arg == "--rows" && valueFollows) {
             index += 1;
             rowsPath = argv[index];
-        } else if (arg == "--cases" && valueFollows) {
-            index += 1;
-            addCaseScenarios(argv[index], inputs);
         } else {
             inputs.push_back(readFile(arg));
         }

@@ -25,46 +25,14 @@ Variant parsed(const char *text)
     return own(g_variant_parse(nullptr, text, nullptr, nullptr, nullptr));
 }
 
-struct NameRow {
-    const char *name;
-    bool secret;
-};
-
 // Words are cut at case changes, digits, '_' and '-'; a word must be one of the secret words whole, or its
-// plural.
-const NameRow Names[] = {
-    {"wpa_psk", true},
-    {"wep_key", true},
-    {"Key", true},
-    {"Passphrase", true},
-    {"Psk", true},
-    {"wep_key0", true},
-    {"WEPKey", true},
-    {"PassPhrase", true},
-    {"psk-hex", true},
-    {"Password", true},
-    {"client_secret", true},
-    {"PIN", true},
-    {"Pin_Code", true},
-    {"KnownNetworks", false},
-    {"CablePluggedIn", false},
-    {"Ping", false},
-    {"Pinned", false},
-    {"Keyboard", false},
-    {"Passive", false},
-    {"Spin", false},
-    {"Ssid", false},
-    {"", false},
-    {"SKEY", false},
-    {"keys", true},
-    // the plural of an abbreviation
-    {"PINs", true},
-    {"PSKs", true},
-    {"WEPKeys", true},
-    {"Passphrases", true},
-    {"PINsFor", true},
-    {"IDs", false},
-};
+// plural, an abbreviation's included.
+const char *const SecretNames[]
+    = {"wpa_psk",    "wep_key", "Key",      "Passphrase",    "Psk",    "wep_key0", "WEPKey",
+       "PassPhrase", "psk-hex", "Password", "client_secret", "PIN",    "Pin_Code", "keys",
+       "PINs",       "PSKs",    "WEPKeys",  "Passphrases",   "PINsFor"};
+const char *const PlainNames[] = {"KnownNetworks", "CablePluggedIn", "Ping", "Pinned", "Keyboard", "Passive",
+                                  "Spin",          "Ssid",           "",     "SKEY",   "IDs"};
 
 struct ValueRow {
     const char *property;
@@ -161,8 +129,10 @@ const TextRow Texts[] = {
 
 int main()
 {
-    for (const NameRow &row : Names)
-        expect(isSecretName(row.name) == row.secret, std::string("secret name: ") + row.name);
+    for (const char *name : SecretNames)
+        expect(isSecretName(name), std::string("a secret's name: ") + name);
+    for (const char *name : PlainNames)
+        expect(!isSecretName(name), std::string("not a secret's name: ") + name);
     for (const ValueRow &row : Values) {
         SecretRemover remover;
         const Variant value = parsed(row.value);
