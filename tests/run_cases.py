@@ -17,8 +17,7 @@ A case is a block of lines; a blank line ends it, a line starting with # is a co
   ~ drop-bus              once the client listens, the bus goes away
   ~ call Method (args,)   once the client listens, the runner calls Method of kep-sim's control interface
   ~ signal NAME           once the client listens, the run's program gets SIGNAME
-                          In a "$ sim" run on {bus}, "~" lines play once the service has received a call
-                          ("& when MEMBER": a call of MEMBER).
+                          In a "$ sim" run on {bus}, "~" lines play once the service has received a call.
   & clock S               a fast clock, the run ending after S of its seconds
   & prog NAME             the client started as NAME
   & no-argv               the client started with no argument vector
@@ -294,12 +293,9 @@ def client_listens(bus):
     return lambda text: bus.wait_until_listening(listened_member(text))
 
 
-def service_called(bus, member):
-    """The moment of a "~" line in a run of kep-sim: the service has received a call of `member`, or any
-    call when no member is given."""
-    def called():
-        return any(not member or call[0] == member for call in bus.control('Calls')[0])
-    return lambda text: until(called, 'the service to be called ' + member)
+def service_called(bus):
+    """The moment of a "~" line in a run of kep-sim: the service has received a call."""
+    return lambda text: until(lambda: bus.control('Calls')[0], 'the service to be called')
 
 
 def run_program(command, env, case, bus, ready, check=None, preexec=None):
@@ -352,8 +348,7 @@ def run_sim(bus, case, words):
     for word in words[1:]:
         arguments.extend(names.get(word, [word]))
     env = client_env(bus, case)
-    ready = service_called(bus, case.get('when', ''))
-    status, out, err, _ = run_program([SIM] + arguments, env, case, bus, ready)
+    status, out, err, _ = run_program([SIM] + arguments, env, case, bus, service_called(bus))
     return Outcome(status, out, err, '')
 
 
