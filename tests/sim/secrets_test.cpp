@@ -118,6 +118,8 @@ struct TextRow {
 const TextRow Texts[] = {
     {"{'Home': <{'wpa_psk': <'k3yk3y'>}>}", "{'LastError': <\"wrong key 'k3yk3y' for Home\">}",
      "{'LastError': <\"wrong key '[removed secret 1]' for Home\">}", 1},
+    // four characters are enough to be looked for
+    {"{'Home': <{'wpa_psk': <'k3y4'>}>}", "{'Log': <'k3y4?'>}", "{'Log': <'[removed secret 1]?'>}", 1},
     {"{'A': <{'psk': <'secret'>}>, 'B': <{'psk': <'a secret too'>}>}", "{'Log': <'a secret too, secret'>}",
      "{'Log': <'[removed secret 2], [removed secret 1]'>}", 2},
     {"{'A': <{'key': <b'bytekey1'>, 'path': <objectpath '/net/k3y'>, 'pin': <uint32 12345670>}>}",
