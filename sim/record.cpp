@@ -279,8 +279,7 @@ bool Recorder::appendCleanedSteps(OutputFile &whole)
         std::string problem;
         if (!readRecordingStep(stepText, step, problem)) {
             fail("cannot read back " + shown(m_output.path()) + ": " + problem);
-            appended = false;
-            return false;
+            return false; // and so is readLines()
         }
         appended = whole.append(recordingStep(m_remover.textsRemovedFrom(step), first));
         first = false;
