@@ -284,15 +284,20 @@ bool ownName(GDBusConnection *bus, bool system)
     return false;
 }
 
-void onStopSignal(std::function<void()> action)
+void watchStopSignals()
 {
     static bool watching = false;
-    stopAction = std::move(action);
     if (watching)
         return;
     watching = true;
     for (int stopSignal : {SIGINT, SIGTERM, SIGHUP})
         g_unix_signal_add(stopSignal, onSignal, nullptr);
+}
+
+void onStopSignal(std::function<void()> action)
+{
+    stopAction = std::move(action);
+    watchStopSignals();
 }
 
 int runLoop(GDBusConnection *served, const CommandLine &command, const std::string &address, GPid busPid,

@@ -54,4 +54,8 @@ int runLoop(GDBusConnection *served, const CommandLine &command, const std::stri
 // What SIGINT, SIGTERM and SIGHUP do from now on, once the main loop runs; nothing, with no action.
 void onStopSignal(std::function<void()> action);
 
+// Holds SIGINT, SIGTERM and SIGHUP from now on, so that one sent before the main loop runs is handled there
+// rather than ending kep-sim.
+void watchStopSignals();
+
 #endif

@@ -125,6 +125,7 @@ int serve(const Options &options, Scenario scenario)
         return BusFailureStatus;
     const bool running = options.word == "run";
     if (!running) {
+        watchStopSignals(); // a script may stop kep-sim as soon as it reads the address
         std::printf("DBUS_SYSTEM_BUS_ADDRESS=%s\n", address.c_str());
         std::fflush(stdout);
     }
