@@ -36,6 +36,7 @@ import ctypes
 import functools
 import glob
 import os
+import select
 import shlex
 import shutil
 import signal
@@ -43,17 +44,14 @@ import subprocess
 import sys
 import tempfile
 import time
-from dataclasses import dataclass
 
 from gi.repository import Gio, GLib
 
-from processes import WITH_US, start, stop, until
-
-# The programs under test. Under emulation the armhf client runs through one wrapper program, whose
-# path is taken whole.
-CLIENT = os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT']
+# The programs under test, by absolute path: cases change directory. Under emulation the armhf client runs
+# through one wrapper program, whose path is taken whole.
+CLIENT = os.path.abspath(os.environ.get('KEPCLIENT_UNDER_TEST') or os.environ['KEPCLIENT'])
 WRAPPER = [os.environ['KEPCLIENT_WRAPPER']] if os.environ.get('KEPCLIENT_WRAPPER') else []
-SIM = os.environ['KEPSIM']
+SIM = os.path.abspath(os.environ['KEPSIM'])
 
 # One directory for the whole run: the bus's socket, the scenario, the recording, the client's output.
 WORK = tempfile.mkdtemp(prefix='kep-cases.')
@@ -71,12 +69,15 @@ BUS_STATS = ('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.D
 # scan and wps both listen for ScanResults, wps last of all and after its call
 LAST_LISTENED_SIGNAL = 'ScanResults'
 
-# A child with no argument vector dies with the runner too.
+# Every child dies with the runner, whatever happens; one with no argument vector too.
+WITH_US = ['setpriv', '--pdeathsig', 'KILL']
 PR_SET_PDEATHSIG = 1  # from <linux/prctl.h>
 
 # Limits, in seconds.
 CALL_TIMEOUT_MS = 5000  # one call of the runner's on the bus
 RUN_LIMIT = 120  # one run of the client or of kep-sim's command line
+WAIT_LIMIT = 10  # a program to start, the client to listen, the bus to free a name
+POLL_INTERVAL = 0.002
 # The fast clock runs CLOCK_SPEED times as fast as the real one. A run on it ends after at least its S
 # seconds and fewer than S * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START: room for a slow start under the
 # sanitizers.
@@ -84,19 +85,28 @@ CLOCK_SPEED = 60
 CLOCK_SLOW_FACTOR = 4
 CLOCK_SLOW_START = 120
 
-# How much a failure shows.
-SHOWN_OUTPUT_BYTES = 200
-SHOWN_TEXT_CHARS = 4000
-SHOWN_WORDS_CHARS = 60
+SHOWN_WORDS_CHARS = 60  # of a run's words in its result line
 
 
-@dataclass
-class Outcome:
-    """What one run left behind."""
-    status: int
-    stdout: bytes
-    stderr: str
-    prog: str  # the client as started, '' for a run of kep-sim's command line
+def until(check, what):
+    """Waits until check() holds, asking again every POLL_INTERVAL, at most WAIT_LIMIT seconds."""
+    deadline = time.monotonic() + WAIT_LIMIT
+    while not check():
+        assert time.monotonic() < deadline, 'gave up waiting for ' + what
+        time.sleep(POLL_INTERVAL)
+
+
+def start(command):
+    """Starts a program whose first line on standard output says it is ready; returns it and the line."""
+    process = subprocess.Popen(WITH_US + command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    readable = select.select([process.stdout], [], [], WAIT_LIMIT)[0]
+    assert readable, 'gave up waiting for %s to start' % command[0]
+    return process, process.stdout.readline().decode().strip()
+
+
+def stop(process):
+    process.kill()
+    process.wait()
 
 
 def write_file(path, content):
@@ -116,26 +126,17 @@ class Bus:
         self.conn = Gio.DBusConnection.new_for_address_sync(self.address, flags, None, None)
         self.sim = None
 
-    def call(self, target, method, signature='()', *args):
+    def call(self, method, args=None, target=SIM_CONTROL):
+        """Calls a method of kep-sim's control interface, or of target, with args, a tuple variant; gives
+        the reply's items."""
         name, path, interface = target
-        parameters = GLib.Variant(signature, args)
-        reply = self.conn.call_sync(name, path, interface, method, parameters, None, Gio.DBusCallFlags.NONE,
+        reply = self.conn.call_sync(name, path, interface, method, args, None, Gio.DBusCallFlags.NONE,
                                     CALL_TIMEOUT_MS, None)
         return reply.unpack()
 
-    def control(self, method, signature='()', *args):
-        """Calls a method of kep-sim's control interface."""
-        return self.call(SIM_CONTROL, method, signature, *args)
-
-    def control_with(self, method, args):
-        """Calls a method of kep-sim's control interface with args, a tuple."""
-        name, path, interface = SIM_CONTROL
-        self.conn.call_sync(name, path, interface, method, args, None, Gio.DBusCallFlags.NONE,
-                            CALL_TIMEOUT_MS, None)
-
     def listening(self, member):
         """Whether some connection on the bus has a match rule for the signal member."""
-        rules_by_connection = self.call(BUS_STATS, 'GetAllMatchRules')[0]
+        rules_by_connection = self.call('GetAllMatchRules', target=BUS_STATS)[0]
         wanted = "member='%s'" % member
         return any(wanted in rule for rules in rules_by_connection.values() for rule in rules)
 
@@ -143,7 +144,7 @@ class Bus:
         until(lambda: self.listening(member), 'the client to listen for ' + member)
 
     def name_is_free(self):
-        return not self.call(BUS_DAEMON, 'NameHasOwner', '(s)', KEP_NAME)[0]
+        return not self.call('NameHasOwner', GLib.Variant('(s)', (KEP_NAME,)), BUS_DAEMON)[0]
 
     def serve(self):
         """A fresh kep-sim on the bus, playing the scenario."""
@@ -170,10 +171,11 @@ class Bus:
         self.serve()
         for line in case.get('+', []):
             name, value = line.split(' ', 1)
-            self.control('SetProperty', '(sv)', name, GLib.Variant.parse(None, value, None, None))
+            parsed = GLib.Variant.parse(None, value, None, None)
+            self.call('SetProperty', GLib.Variant('(sv)', (name, parsed)))
         for line in case.get('!', []):
             fields = line.split(' ', 2) + ['', '']  # no error or no message: an empty one
-            self.control('FailReads', '(sss)', fields[0], fields[1], fields[2])
+            self.call('FailReads', GLib.Variant('(sss)', tuple(fields[:3])))
         if 'recapture' in case:
             capture = subprocess.run([SIM, 'capture', '--address', self.address], capture_output=True,
                                      check=True)
@@ -198,6 +200,7 @@ def client_env(bus, case):
     env = {name: value for name, value in os.environ.items()
            if not name.startswith('QT_') and name != 'DBUS_SESSION_BUS_ADDRESS'}
     env['DBUS_SYSTEM_BUS_ADDRESS'] = bus.address
+    env['KEPSIM'] = SIM
     env['LC_ALL'] = 'C.UTF-8'
     # libfaketime is preloaded ahead of the sanitizers' runtime
     env['ASAN_OPTIONS'] = env.get('ASAN_OPTIONS', '') + ':verify_asan_link_order=0'
@@ -245,7 +248,7 @@ def send_burst(bus, client, burst):
     os.kill(client.pid, signal.SIGSTOP)
     try:
         until(lambda: stopped(client), 'the client to stop')
-        bus.control('EmitSignals', '(a(sav))', burst)
+        bus.call('EmitSignals', GLib.Variant('(a(sav))', (burst,)))
     finally:
         os.kill(client.pid, signal.SIGCONT)
 
@@ -259,13 +262,13 @@ def send(bus, client, kind, texts):
         bus.daemon.kill()
     elif first.startswith('call '):
         member, args = parse_member(first.split(' ', 1)[1])
-        bus.control_with(member, args)
+        bus.call(member, args)
     elif kind == '~!':  # from the runner's own connection, on the service's path and interface
         member, args = parse_member(first)
         bus.conn.emit_signal(None, KEP_PATH, KEP_INTERFACE, member, args)
     elif len(texts) == 1:
         member, args = parse_member(first)
-        bus.control('EmitSignal', '(sav)', member, unpacked(args))
+        bus.call('EmitSignal', GLib.Variant('(sav)', (member, unpacked(args))))
     else:
         burst = []
         for text in texts:
@@ -295,7 +298,7 @@ def client_listens(bus):
 
 def service_called(bus):
     """The moment of a "~" line in a run of kep-sim: the service has received a call."""
-    return lambda text: until(lambda: bus.control('Calls')[0], 'the service to be called')
+    return lambda text: until(lambda: bus.call('Calls')[0], 'the service to be called')
 
 
 def run_program(command, env, case, bus, ready, check=None, preexec=None):
@@ -335,7 +338,7 @@ def run_client(bus, case, words):
         ended_after = seconds * CLOCK_SPEED
         assert clock_seconds <= ended_after < clock_seconds * CLOCK_SLOW_FACTOR + CLOCK_SLOW_START, \
             'ended after %.1f of its seconds, not %s' % (ended_after, case['clock'])
-    return Outcome(status, out, err, prog)
+    return status, out, err, prog
 
 
 def run_sim(bus, case, words):
@@ -349,13 +352,13 @@ def run_sim(bus, case, words):
         arguments.extend(names.get(word, [word]))
     env = client_env(bus, case)
     status, out, err, _ = run_program([SIM] + arguments, env, case, bus, service_called(bus))
-    return Outcome(status, out, err, '')
+    return status, out, err, ''
 
 
 def received_calls(bus):
     """The calls kep-sim received, written as the case's ">" lines write them."""
     calls = []
-    for member, signature, body, refused in bus.control('Calls')[0]:
+    for member, signature, body, refused in bus.call('Calls')[0]:
         mark = '!' if refused else ''
         calls.append('%s%s %s %s' % (mark, member, signature or '-', body))
     return calls
@@ -380,23 +383,20 @@ def run(bus, case, blocks, words):
     write_file(SCENARIO, case.get('scenario', DEFAULT_SCENARIO).replace('\\n', '\n'))
     calls = []
     if words[:1] == ['sim']:
-        outcome = run_sim(bus, case, words)
+        status, out, err, prog = run_sim(bus, case, words)
     else:
         bus.prepare(case)
-        outcome = run_client(bus, case, words)
+        status, out, err, prog = run_client(bus, case, words)
         if 'no-service' not in case and ('~', ['drop-bus']) not in case.get('~', []):
             calls = received_calls(bus)
     problems = []
-    if outcome.status != int(case.get('exit', 0)) or outcome.stdout:
-        shown = outcome.stdout[:SHOWN_OUTPUT_BYTES]
-        problems.append('exit status %d, standard output %r' % (outcome.status, shown))
-    comparisons = [('standard error', outcome.stderr, expected_stderr(case, blocks, outcome.prog)),
+    if status != int(case.get('exit', 0)) or out:
+        problems.append('exit status %d, standard output %r' % (status, out))
+    comparisons = [('standard error', err, expected_stderr(case, blocks, prog)),
                    ('calls', '\n'.join(calls), '\n'.join(case.get('>', [])))]
     for what, seen, wanted in comparisons:
         if seen != wanted:
-            shown_seen = seen[:SHOWN_TEXT_CHARS]
-            shown_wanted = wanted[:SHOWN_TEXT_CHARS]
-            problems.append('%s:\n%s\nexpected:\n%s' % (what, shown_seen, shown_wanted))
+            problems.append('%s:\n%s\nexpected:\n%s' % (what, seen, wanted))
     assert not problems, '\n'.join(problems)
 
 

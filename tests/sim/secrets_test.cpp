@@ -116,8 +116,6 @@ struct TextRow {
 };
 
 const TextRow Texts[] = {
-    {"{'Home': <{'wpa_psk': <'k3yk3y'>}>}", "{'LastError': <\"wrong key 'k3yk3y' for Home\">}",
-     "{'LastError': <\"wrong key '[removed secret 1]' for Home\">}", 1},
     // four characters are enough to be looked for
     {"{'Home': <{'wpa_psk': <'k3y4'>}>}", "{'Log': <'k3y4?'>}", "{'Log': <'[removed secret 1]?'>}", 1},
     {"{'A': <{'psk': <'secret'>}>, 'B': <{'psk': <'a secret too'>}>}", "{'Log': <'a secret too, secret'>}",
@@ -143,15 +141,8 @@ int main()
         expect(written == row.removed, std::string(row.value) + " became " + written);
         expect(remover.removed() == row.count, std::string(row.value) + ": count");
     }
-    // A secret's text inside another: replaced in an error message once it is known.
-    SecretRemover remover;
-    Step refused = setCall("('com.calyra.kep', 'WirelessNetworks', <{'H': <{'wpa_psk': <'s3cretPSK'>}>}>)");
-    refused.error = "org.freedesktop.DBus.Error.InvalidArgs";
-    refused.message = "s3cretPSK is too short, s3cretPSK";
-    const Step removed = remover.removedFrom(refused);
-    expect(removed.message == "[removed secret 1] is too short, [removed secret 1]", removed.message);
-    expect(remover.removed() == 3, "a Set and its error message: count");
     // A WpsPin's argument is secret; a short one too, but not inside other texts.
+    SecretRemover remover;
     Step pin;
     pin.isCall = true;
     pin.member = "WpsPin";
@@ -159,7 +150,7 @@ int main()
     pin.error = "org.example.Refused";
     pin.message = "PIN 123 refused";
     const Step removedPin = remover.removedFrom(pin);
-    expect(text(removedPin.args.get()) == "('[removed secret 2]',)", text(removedPin.args.get()));
+    expect(text(removedPin.args.get()) == "('[removed secret 1]',)", text(removedPin.args.get()));
     expect(removedPin.message == "PIN 123 refused", removedPin.message);
     for (const TextRow &row : Texts) {
         SecretRemover textRemover;
