@@ -174,7 +174,7 @@ Variant Device::property(const std::string &name) const
     return madeDetails(); // the one property that is not always given
 }
 
-void Device::setProperty(const std::string &name, Variant value)
+void Device::setProperty(const std::string &name, SharedVariant value)
 {
     m_state.properties[name] = std::move(value);
 }

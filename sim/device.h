@@ -22,7 +22,7 @@ public:
     Variant call(std::string_view member, GVariant *args);
 
     Variant property(const std::string &name) const; // Details made from the state unless one was given
-    void setProperty(const std::string &name, Variant value);
+    void setProperty(const std::string &name, SharedVariant value); // a Variant given moves in
 
 private:
     std::string currentMode() const;
