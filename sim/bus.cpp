@@ -59,7 +59,8 @@ struct Run {
     int commandStatus = 0;
     bool interrupted = false;
     bool busGone = false;
-    guint killTimer = 0; // SIGKILL for what is left of the command
+    guint killTimer = 0;       // SIGKILL for what is left of the command
+    std::string servedAddress; // the address of the bus served on
 };
 
 Run run;
@@ -153,12 +154,23 @@ void onStop()
     endCommand();
 }
 
-void onBusClosed()
+// The bus served on closed the connection: it has gone away, or it still takes connections and threw
+// kep-sim off.
+void onBusClosed(GDBusConnection *, gboolean, GError *error)
 {
     if (run.busGone)
         return;
     run.busGone = true;
-    fail(std::string("the bus it serves ") + kep::ServiceName + " on has gone away");
+    const auto flags
+        = G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION;
+    g_autoptr(GDBusConnection) again = g_dbus_connection_new_for_address_sync(
+        run.servedAddress.c_str(), GDBusConnectionFlags(flags), nullptr, nullptr, nullptr);
+    if (again && error)
+        fail(std::string("the bus disconnected kep-sim: ") + error->message);
+    else if (again)
+        fail("the bus disconnected kep-sim");
+    else
+        fail(std::string("the bus it serves ") + kep::ServiceName + " on has gone away");
     if (!run.commandPid) {
         g_main_loop_quit(run.loop);
         return;
@@ -324,7 +336,8 @@ int runLoop(GDBusConnection *served, const CommandLine &command, const std::stri
         started();
     run.loop = g_main_loop_new(nullptr, FALSE);
     run.busPid = busPid;
-    const gulong closedHandler = g_signal_connect_swapped(served, "closed", G_CALLBACK(onBusClosed), nullptr);
+    run.servedAddress = address;
+    const gulong closedHandler = g_signal_connect(served, "closed", G_CALLBACK(onBusClosed), nullptr);
     g_main_loop_run(run.loop);
     if (run.killTimer)
         g_source_remove(run.killTimer);

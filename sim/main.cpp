@@ -9,6 +9,7 @@
 #include "sim/record.h"
 #include "sim/service.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace {
@@ -262,6 +263,19 @@ int main(int argc, char **argv)
             steps = "step is";
         std::fprintf(stderr, "kep-sim: %s was cut short: its %zu whole %s played\n",
                      shown(options.scenario).c_str(), scenario.dialog.size(), steps);
+    }
+    Dialog &dialog = scenario.dialog;
+    const auto playable = [](const Step &step) { return step.unplayable.empty(); };
+    const auto unplayable = std::find_if_not(dialog.begin(), dialog.end(), playable);
+    if (unplayable != dialog.end()) {
+        const char *kind = "signal";
+        if (unplayable->isCall)
+            kind = "call";
+        std::fprintf(stderr,
+                     "kep-sim: %s: its step %zu, the %s %s, cannot be played: %s; the replay stops there\n",
+                     shown(options.scenario).c_str(), size_t(unplayable - dialog.begin()) + 1, kind,
+                     unplayable->member.c_str(), shown(unplayable->unplayable).c_str());
+        dialog.erase(unplayable, dialog.end());
     }
     if (options.word == "check")
         return 0;

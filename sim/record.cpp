@@ -2,10 +2,22 @@
 
 #include "service/endpoint.h"
 #include "sim/format/message.h"
+#include "sim/format/playable.h"
 
 namespace {
 
 constexpr gint64 MicrosecondsPerMillisecond = 1000;
+
+// A value of `step` that a replay could not play, its arguments or reply, is left out, and the step says
+// why: the session is written whole all the same.
+void leaveOutUnplayable(Step &step, Variant &value)
+{
+    const std::string problem = bodyProblem(value.get());
+    if (problem.empty())
+        return;
+    step.unplayable = problem;
+    value.reset();
+}
 
 // How often the recording is put on the disk, and the calls still unanswered looked at.
 constexpr guint TickSeconds = 1;
@@ -79,6 +91,7 @@ gboolean Recorder::passOn(gpointer data)
         step.member = member;
         step.interface = stepInterface(interface);
         step.args = bodyOf(message);
+        leaveOutUnplayable(step, step.args);
         call->sequence = recorder.m_firstPending + recorder.m_pending.size();
         recorder.add(std::move(step), call->received, false);
     }
@@ -86,6 +99,7 @@ gboolean Recorder::passOn(gpointer data)
     GVariant *body = g_dbus_message_get_body(message);
     if (body)
         g_dbus_message_set_body(onward.get(), body);
+    g_dbus_message_set_unix_fd_list(onward.get(), g_dbus_message_get_unix_fd_list(message));
     // No timeout of kep-sim's own: the program's decides how long an answer is waited for.
     g_dbus_connection_send_message_with_reply(recorder.m_service, onward.get(),
                                               G_DBUS_SEND_MESSAGE_FLAGS_NONE, G_MAXINT, nullptr, nullptr,
@@ -136,6 +150,7 @@ void Recorder::passBack(Call &call, GDBusMessage *answer)
         step.message = errorText;
     } else {
         step.reply = bodyOf(answer);
+        leaveOutUnplayable(step, step.reply);
     }
     pending.whole = true;
     writeWhole();
@@ -150,6 +165,7 @@ void Recorder::signalled(GDBusConnection *, const char *, const char *path, cons
     step.member = signal;
     step.interface = stepInterface(interface);
     step.args = own(g_variant_ref(args));
+    leaveOutUnplayable(step, step.args);
     recorder.add(std::move(step), g_get_monotonic_time(), true);
 }
 

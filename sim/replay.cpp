@@ -56,7 +56,7 @@ void Replay::sayIfStuck()
         return;
     m_saidStuckAt = m_nextCall;
     const Step &expected = m_dialog[m_nextCall];
-    const std::string expectedArgs = text(orEmptyTuple(expected.args.get()).get());
+    const std::string expectedArgs = argumentsText(orEmptyTuple(expected.args.get()).get());
     std::fprintf(stderr,
                  "kep-sim: the recording waits for its step %zu, the call %s %s, which has not come\n",
                  m_nextCall + 1, expected.member.c_str(), shown(expectedArgs).c_str());
@@ -89,9 +89,9 @@ bool Replay::answered(GDBusMessage *call)
     const bool sameCall = g_strcmp0(interface, expected.interfaceName().c_str()) == 0
         && member == expected.member && sameCallArguments(expected, args.get());
     if (!sameCall) {
-        const std::string expectedArgs = text(orEmptyTuple(expected.args.get()).get());
+        const std::string expectedArgs = argumentsText(orEmptyTuple(expected.args.get()).get());
         std::fprintf(stderr, "kep-sim: the recording expects %s %s, got %s %s\n", expected.member.c_str(),
-                     expectedArgs.c_str(), member.c_str(), text(args.get()).c_str());
+                     expectedArgs.c_str(), member.c_str(), argumentsText(args.get()).c_str());
         return false;
     }
     const size_t at = m_nextCall;

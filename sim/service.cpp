@@ -3,6 +3,7 @@
 #include "service/endpoint.h"
 #include "sim/format/interface.h"
 #include "sim/format/message.h"
+#include "sim/format/playable.h"
 
 #include <cstdio>
 
@@ -13,9 +14,16 @@ const std::string_view Properties = "org.freedesktop.DBus.Properties";
 const std::string_view Introspectable = "org.freedesktop.DBus.Introspectable";
 const std::string_view Peer = "org.freedesktop.DBus.Peer";
 
-// The calls the control interface lists: the latest this many, so that a service left running for days
-// keeps its size.
+// The calls the control interface lists: the latest this many, and this many bytes of their texts, so that
+// a service left running for days keeps its size.
 constexpr size_t MaxCallsKept = 1000;
+constexpr size_t MaxCallsBytes = 1024 * 1024;
+
+// Reads left unanswered on purpose: the oldest is answered with NoReply past this many.
+constexpr size_t MaxUnanswered = 1000;
+
+// The error in place of a reply the bus would not carry.
+const char LimitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 
 // What GDBus will make of a call, judged before any handler sees it.
 enum class Judgement { Accepted, Refused, ReadOnly };
@@ -92,6 +100,31 @@ void invalid(GDBusMethodInvocation *invocation, const std::string &message)
                                                   message.c_str());
 }
 
+// Answers `invocation` with `reply`, an owned tuple, or with LimitsExceeded where the bus would not carry
+// it.
+void answer(GDBusMethodInvocation *invocation, GVariant *reply)
+{
+    const std::string problem = sendProblem(reply);
+    if (problem.empty()) {
+        g_dbus_method_invocation_return_value(invocation, reply);
+        return;
+    }
+    const std::string message = "kep-sim cannot send the reply: " + problem;
+    g_dbus_method_invocation_return_dbus_error(invocation, LimitsExceeded, message.c_str());
+}
+
+// What keeps `value`, written to property `name`, from being read back: GetAll wraps it the deepest.
+std::string readBackProblem(const char *name, GVariant *value)
+{
+    g_autoptr(GVariantBuilder) all = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(all, "{sv}", name, value);
+    const Variant reply = own(g_variant_new("(a{sv})", all));
+    const std::string problem = bodyProblem(reply.get());
+    if (problem.empty())
+        return "";
+    return std::string(name) + " could not be read back: " + problem;
+}
+
 // Sends `message` on `bus` and drops it: no handler of GDBus's sees it.
 void sendAndDrop(GDBusConnection *bus, GDBusMessage *message)
 {
@@ -134,7 +167,7 @@ void Service::dispatch(GDBusConnection *, const char *, const char *, const char
         service->control(member, args, invocation);
     } else {
         const Variant reply = service->m_device.call(member, args);
-        g_dbus_method_invocation_return_value(invocation, reply.get());
+        answer(invocation, reply.get());
     }
 }
 
@@ -151,7 +184,7 @@ GDBusMessage *Service::filter(GDBusConnection *bus, GDBusMessage *message, gbool
     if (!signature)
         signature = "";
     GVariant *body = g_dbus_message_get_body(message);
-    Call call {g_dbus_message_get_member(message), signature, text(bodyOf(message).get()), false};
+    Call call {g_dbus_message_get_member(message), signature, argumentsText(bodyOf(message).get()), false};
     const Judgement judgement = judge(interface, call.member, call.signature, body);
     call.refused = judgement != Judgement::Accepted;
     if (service->m_trace) {
@@ -165,9 +198,12 @@ GDBusMessage *Service::filter(GDBusConnection *bus, GDBusMessage *message, gbool
         return message;
     {
         const std::lock_guard<std::mutex> hold(service->m_callsLock);
-        if (service->m_calls.size() == MaxCallsKept)
-            service->m_calls.pop_front();
+        service->m_callsBytes += call.body.size();
         service->m_calls.push_back(std::move(call));
+        while (service->m_calls.size() > MaxCallsKept || service->m_callsBytes > MaxCallsBytes) {
+            service->m_callsBytes -= service->m_calls.front().body.size();
+            service->m_calls.pop_front();
+        }
     }
     if (service->m_replay.answered(message)) {
         g_object_unref(message); // answered from the dialog: no handler of GDBus's sees it
@@ -194,7 +230,8 @@ void Service::properties(std::string_view member, GVariant *args, GDBusMethodInv
             const Variant value = m_device.property((*property)->name);
             g_variant_builder_add(all, "{sv}", (*property)->name, value.get());
         }
-        g_dbus_method_invocation_return_value(invocation, g_variant_new("(a{sv})", all));
+        const Variant reply = own(g_variant_new("(a{sv})", all));
+        answer(invocation, reply.get());
         return;
     }
     g_variant_get_child(args, 1, "&s", &name);
@@ -204,7 +241,13 @@ void Service::properties(std::string_view member, GVariant *args, GDBusMethodInv
     }
     GVariant *value = nullptr;
     g_variant_get_child(args, 2, "v", &value);
-    m_device.setProperty(name, own(value));
+    Variant owned = own(value);
+    const std::string problem = readBackProblem(name, value);
+    if (!problem.empty()) {
+        invalid(invocation, problem);
+        return;
+    }
+    m_device.setProperty(name, std::move(owned));
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
@@ -213,14 +256,28 @@ void Service::read(const char *name, GDBusMethodInvocation *invocation)
 {
     const auto fault = m_readFaults.find(name);
     if (fault == m_readFaults.end()) {
+        const Variant value = m_device.property(name);
+        const Variant body = own(g_variant_new("(v)", value.get()));
+        const std::string problem = sendProblem(body.get());
+        if (!problem.empty()) {
+            const std::string message = "kep-sim cannot send the reply: " + problem;
+            g_dbus_method_invocation_return_dbus_error(invocation, LimitsExceeded, message.c_str());
+            return;
+        }
         g_autoptr(GDBusMessage) reply
             = g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
-        const Variant value = m_device.property(name);
-        g_dbus_message_set_body(reply, g_variant_new("(v)", value.get()));
+        g_dbus_message_set_body(reply, body.get());
         sendAndDrop(m_bus, reply);
         g_object_unref(invocation);
     } else if (fault->second.first.empty()) {
         m_unanswered.emplace_back(invocation); // never answered: the caller waits for its own timeout
+        if (m_unanswered.size() > MaxUnanswered) {
+            const std::string message
+                = "kep-sim leaves at most " + std::to_string(MaxUnanswered) + " reads unanswered";
+            g_dbus_method_invocation_return_dbus_error(m_unanswered.front().release(),
+                                                       "org.freedesktop.DBus.Error.NoReply", message.c_str());
+            m_unanswered.pop_front();
+        }
     } else {
         const ReadFault &answer = fault->second;
         g_dbus_method_invocation_return_dbus_error(invocation, answer.first.c_str(), answer.second.c_str());
@@ -254,7 +311,8 @@ void Service::listCalls(GVariant *, GDBusMethodInvocation *invocation)
         g_variant_builder_add(list, "(sssb)", call.member.c_str(), call.signature.c_str(), call.body.c_str(),
                               call.refused);
     }
-    g_dbus_method_invocation_return_value(invocation, g_variant_new("(a(sssb))", list));
+    const Variant reply = own(g_variant_new("(a(sssb))", list));
+    answer(invocation, reply.get());
 }
 
 void Service::clearCalls(GVariant *, GDBusMethodInvocation *invocation)
@@ -262,6 +320,7 @@ void Service::clearCalls(GVariant *, GDBusMethodInvocation *invocation)
     {
         const std::lock_guard<std::mutex> hold(m_callsLock);
         m_calls.clear();
+        m_callsBytes = 0;
     }
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
@@ -276,6 +335,11 @@ void Service::setProperty(GVariant *args, GDBusMethodInvocation *invocation)
         invalid(invocation, std::string(kep::InterfaceName) + " has no property " + name);
         return;
     }
+    const std::string problem = readBackProblem(name, value);
+    if (!problem.empty()) {
+        invalid(invocation, problem);
+        return;
+    }
     m_device.setProperty(name, std::move(owned));
     m_readFaults.erase(name);
     g_dbus_method_invocation_return_value(invocation, nullptr);
@@ -287,6 +351,10 @@ void Service::failReads(GVariant *args, GDBusMethodInvocation *invocation)
     const char *error = "";
     const char *message = "";
     g_variant_get(args, "(&s&s&s)", &name, &error, &message);
+    if (!kepProperty(name)) {
+        invalid(invocation, std::string(kep::InterfaceName) + " has no property " + name);
+        return;
+    }
     if (*error && !g_dbus_is_interface_name(error)) {
         invalid(invocation, "'" + std::string(error) + "' is not a D-Bus error name");
         return;
@@ -307,38 +375,50 @@ void Service::emitSignals(GVariant *args, GDBusMethodInvocation *invocation)
     emitAll(burst, invocation);
 }
 
-// Every signal of `burst` (a(sav)), back to back, once all of them are known to be signal names.
+// Every signal of `burst` (a(sav)), back to back, once all of them are known to be signals the bus
+// carries.
 void Service::emitAll(GVariant *burst, GDBusMethodInvocation *invocation)
 {
-    GVariantIter signals;
+    std::vector<std::pair<std::string, Variant>> signals;
+    GVariantIter entries;
     const char *name = "";
-    g_variant_iter_init(&signals, burst);
-    while (g_variant_iter_next(&signals, "(&s@av)", &name, nullptr)) {
-        if (!g_dbus_is_member_name(name)) {
-            invalid(invocation, "'" + std::string(name) + "' is not a signal name");
-            return;
-        }
-    }
     GVariant *list = nullptr;
-    g_variant_iter_init(&signals, burst);
-    while (g_variant_iter_next(&signals, "(&s@av)", &name, &list)) {
+    g_variant_iter_init(&entries, burst);
+    while (g_variant_iter_next(&entries, "(&s@av)", &name, &list)) {
         g_autoptr(GVariant) wrappedArgs = list;
         std::vector<GVariant *> args;
         for (gsize index = 0; index < g_variant_n_children(wrappedArgs); ++index) {
             g_autoptr(GVariant) wrapped = g_variant_get_child_value(wrappedArgs, index);
             args.push_back(g_variant_get_variant(wrapped));
         }
-        emit(name, g_variant_new_tuple(args.data(), args.size()));
+        signals.emplace_back(name, own(g_variant_new_tuple(args.data(), args.size())));
         for (GVariant *arg : args)
             g_variant_unref(arg);
+        if (!isMemberName(name)) {
+            invalid(invocation, "'" + shown(name) + "' is not a signal name");
+            return;
+        }
+        const std::string problem = sendProblem(signals.back().second.get());
+        if (!problem.empty()) {
+            invalid(invocation, "the signal " + std::string(name) + " cannot be sent: " + problem);
+            return;
+        }
     }
+    for (const auto &signal : signals)
+        emit(signal.first.c_str(), g_variant_ref(signal.second.get()));
     g_dbus_method_invocation_return_value(invocation, nullptr);
 }
 
+// The device's signals too: one the bus would not carry is said, not sent.
 void Service::emit(const char *signal, GVariant *args)
 {
     const Variant owned = own(args);
     if (m_trace)
-        std::fprintf(stderr, "kep-sim: signal %s %s\n", signal, text(args).c_str());
+        std::fprintf(stderr, "kep-sim: signal %s %s\n", signal, argumentsText(args).c_str());
+    const std::string problem = sendProblem(args);
+    if (!problem.empty()) {
+        fail(std::string("the signal ") + signal + " is not sent: " + problem);
+        return;
+    }
     g_dbus_connection_emit_signal(m_bus, nullptr, kep::ObjectPath, kep::InterfaceName, signal, args, nullptr);
 }

@@ -55,9 +55,10 @@ private:
     Replay m_replay;
     GDBusConnection *m_bus = nullptr; // the connection served on, which outlives the service
     std::map<std::string, ReadFault> m_readFaults;
-    std::vector<Object<GDBusMethodInvocation>> m_unanswered;
-    std::mutex m_callsLock;   // the filter runs on GDBus's own thread
-    std::deque<Call> m_calls; // the latest, at most MaxCallsKept
+    std::deque<Object<GDBusMethodInvocation>> m_unanswered; // the oldest first, at most MaxUnanswered
+    std::mutex m_callsLock;                                 // the filter runs on GDBus's own thread
+    std::deque<Call> m_calls; // the latest, at most MaxCallsKept and MaxCallsBytes
+    size_t m_callsBytes = 0;  // of their texts
 };
 
 #endif

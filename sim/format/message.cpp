@@ -2,6 +2,7 @@
 
 #include "service/endpoint.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -15,6 +16,54 @@ namespace {
 
 // Room for one escape, \u0000 or \x00, and its end.
 constexpr size_t EscapeSize = 8;
+
+// A value of at most this many bytes on the wire is printed whole by GLib; a larger one piece by piece.
+constexpr gsize PrintedWholeBytes = 16384;
+
+// The first `length` bytes of `text` at most, ending on a whole character.
+std::string_view wholeCharacters(const char *text, size_t length)
+{
+    const char *end = nullptr;
+    g_utf8_validate(text, length, &end);
+    return std::string_view(text, end - text);
+}
+
+// Appends `value` as GVariant text to `out`, stopping once `out` holds `limit` bytes: containers child by
+// child, strings cut.
+void printUpTo(GVariant *value, std::string &out, size_t limit)
+{
+    if (out.size() >= limit)
+        return;
+    if (g_variant_get_size(value) <= PrintedWholeBytes) {
+        out += text(value);
+        return;
+    }
+    if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
+        gsize length = 0;
+        const char *chars = g_variant_get_string(value, &length);
+        out += quoted(std::string(wholeCharacters(chars, std::min(length, limit - out.size()))));
+        return;
+    }
+    const bool dictEntry = g_variant_is_of_type(value, G_VARIANT_TYPE_DICT_ENTRY);
+    const char *brackets = "()";
+    if (g_variant_is_of_type(value, G_VARIANT_TYPE_ARRAY))
+        brackets = "[]";
+    else if (dictEntry)
+        brackets = "{}";
+    else if (g_variant_is_of_type(value, G_VARIANT_TYPE_VARIANT))
+        brackets = "<>";
+    out += brackets[0];
+    const gsize children = g_variant_n_children(value);
+    for (gsize index = 0; index < children && out.size() < limit; ++index) {
+        if (index > 0 && dictEntry)
+            out += ": ";
+        else if (index > 0)
+            out += ", ";
+        g_autoptr(GVariant) child = g_variant_get_child_value(value, index);
+        printUpTo(child, out, limit);
+    }
+    out += brackets[1];
+}
 
 } // namespace
 
@@ -49,6 +98,16 @@ std::string shown(std::string_view text, size_t limit)
         characters += 1;
     }
     return out;
+}
+
+std::string argumentsText(GVariant *value)
+{
+    std::string out;
+    printUpTo(value, out, MaxArgumentsText);
+    if (out.size() <= MaxArgumentsText)
+        return out;
+    out.resize(wholeCharacters(out.data(), MaxArgumentsText).size());
+    return out + "… [cut: " + std::to_string(g_variant_get_size(value)) + " bytes on the bus]";
 }
 
 Variant orEmptyTuple(GVariant *arguments)

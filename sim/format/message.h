@@ -15,6 +15,13 @@ int fail(const std::string &message, int status = 1);
 // past `limit` characters as shown (an escape counts as the characters it takes).
 std::string shown(std::string_view text, size_t limit = 80);
 
+// The longest text kept or said of a call's or a signal's arguments.
+constexpr size_t MaxArgumentsText = 4096;
+
+// `value` in GVariant text, as text() writes it, cut past MaxArgumentsText with a mark that says so. A
+// large value costs no more than a small one: only what is shown is printed.
+std::string argumentsText(GVariant *value);
+
 // Arguments as a tuple: `arguments` itself, or () when there are none.
 Variant orEmptyTuple(GVariant *arguments);
 

@@ -9,6 +9,8 @@ namespace {
 constexpr int MaxArrayDepth = 32;
 constexpr int MaxStructDepth = 32;
 constexpr int MaxContainerDepth = 64;
+constexpr size_t MaxNameLength = 255; // of any name on the bus
+constexpr gsize HeaderRoom = 4096;    // of a message, for its header: names, serials, signature
 
 struct Depth {
     int arrays = 0;
@@ -184,12 +186,33 @@ std::string bodyProblem(GVariant *args)
     return "";
 }
 
+bool isMemberName(const std::string &name)
+{
+    return name.size() <= MaxNameLength && g_dbus_is_member_name(name.c_str());
+}
+
+std::string sendProblem(GVariant *args)
+{
+    const std::string problem = bodyProblem(args);
+    if (!problem.empty())
+        return problem;
+    g_autoptr(GDBusMessage) message = g_dbus_message_new_signal("/", "a.b", "C");
+    g_dbus_message_set_body(message, args);
+    gsize size = 0;
+    g_autofree guchar *blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    if (!blob || size > MaxMessageBytes - HeaderRoom)
+        return "a message over the bus's limit of " + std::to_string(MaxMessageBytes) + " bytes";
+    return "";
+}
+
 std::string stepProblem(const Step &step)
 {
-    if (!g_dbus_is_member_name(step.member.c_str()))
+    if (!isMemberName(step.member))
         return "'" + step.member + "' is not a D-Bus member name";
     if (!step.interface.empty() && !g_dbus_is_interface_name(step.interface.c_str()))
         return "'" + step.interface + "' is not a D-Bus interface name";
+    if (!step.unplayable.empty())
+        return ""; // written for a person to read: a replay stops before it
     if (step.isCall)
         return callProblem(step);
     return signalProblem(step);

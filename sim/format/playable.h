@@ -7,6 +7,17 @@
 
 #include <string>
 
+// The largest message kep-sim sends: the system bus and kep-sim's own bus take none larger, and throw off
+// a connection that sends one.
+constexpr gsize MaxMessageBytes = 32 * 1024 * 1024;
+
+// A member name as the bus takes it: GDBus's check, and at most 255 characters.
+bool isMemberName(const std::string &name);
+
+// The arguments of a message kep-sim is to send, an owned tuple: what bodyProblem() finds, or a message
+// over MaxMessageBytes.
+std::string sendProblem(GVariant *args);
+
 // A value to be sent in a message: no maybe types, no empty tuples, no file descriptors, containers no
 // deeper than D-Bus allows.
 std::string carryProblem(GVariant *value);

@@ -98,6 +98,7 @@ const StepKey StepKeys[] = {
     {"reply", "r", {nullptr, nullptr, &Step::reply}, Written::WhenSet},
     {"error", "s", {nullptr, &Step::error, nullptr}, Written::WhenSet},
     {"message", "s", {nullptr, &Step::message, nullptr}, Written::WithError},
+    {"unplayable", "s", {nullptr, &Step::unplayable, nullptr}, Written::WhenSet},
 };
 
 // Sets the step's field that `key` names; false when a call or signal step is named as the other.

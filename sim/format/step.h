@@ -23,6 +23,9 @@ struct Step {
     guint replyMs = 0;       // from the call to its answer
     bool hasReplyMs = false; // whether a reply-ms was given
 
+    // Why a replay cannot play the step as it came, its arguments or answer left out; empty: it can.
+    std::string unplayable;
+
     bool answered() const { return reply || !error.empty(); }
 
     // The interface named, or the service's own.

@@ -70,6 +70,8 @@ const std::vector<Row> Rows = {
     {"{'LogLevel': <3>} x", "input.gv:1:19: expected the end of the scenario after its dictionary"},
     {"{'dialog': <[{'call': <'Scan'>, 'error': <'not an error'>}]>}",
      "input.gv:1:14: 'not an error' is not a D-Bus error name"},
+    {"{'dialog': <[{'signal': <'" + std::string(256, 'S') + "'>}]>}",
+     "input.gv:1:14: '" + std::string(256, 'S') + "' is not a D-Bus member name"},
     {"{'dialog': <[{'signal': <'Scan Results'>}]>}",
      "input.gv:1:14: 'Scan Results' is not a D-Bus member name"},
     {"{'dialog': <[{'call': <'Get'>, 'interface': <'org.freedesktop.DBus.Properties'>,\n  'args': "
@@ -102,7 +104,7 @@ const std::vector<Row> Rows = {
      "input.gv:1:47: a step is either a call or a signal"},
     {"{'dialog': <[{'signal': <'Started'>, 'Mode': <'x'>}]>}",
      "input.gv:1:38: unknown key 'Mode' (known here: after-ms, call, signal, interface, args, reply-ms, "
-     "reply, error, message)"},
+     "reply, error, message, unplayable)"},
     {"[{'LogLevel' <3>}]", "input.gv:1:14: expected ',' after the key"},
     {"[{'LogLevel', <3>]", "input.gv:1:18: expected '}' after a dictionary entry"},
     {"{'Mode': <3>}", "input.gv:1:11: 'Mode' takes type 's', not 'i'"},
@@ -170,7 +172,7 @@ const std::vector<Row> Rows = {
     // a step that is whole but wrong, at the end of a recording cut short, is refused
     {"{'dialog': <[{'call': <'Scan'>, 'bogus': <1>}",
      "input.gv:1:33: unknown key 'bogus' (known here: after-ms, call, signal, interface, args, reply-ms, "
-     "reply, error, message)"},
+     "reply, error, message, unplayable)"},
     // a scenario that ends outside a dialog is refused: only a dialog can be cut short
     {"{'dialog': <[{'call': <'Scan'>}]>, 'LogLevel': <3>",
      "input.gv:1:51: expected ',' or '}' after a dictionary entry"},
