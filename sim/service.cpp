@@ -100,17 +100,24 @@ void invalid(GDBusMethodInvocation *invocation, const std::string &message)
                                                   message.c_str());
 }
 
+// Answers `invocation` with LimitsExceeded when the bus would not carry `reply`, an owned tuple; false when
+// it would, the invocation left to answer.
+bool answeredTooLarge(GDBusMethodInvocation *invocation, GVariant *reply)
+{
+    const std::string problem = sendProblem(reply);
+    if (problem.empty())
+        return false;
+    const std::string message = "kep-sim cannot send the reply: " + problem;
+    g_dbus_method_invocation_return_dbus_error(invocation, LimitsExceeded, message.c_str());
+    return true;
+}
+
 // Answers `invocation` with `reply`, an owned tuple, or with LimitsExceeded where the bus would not carry
 // it.
 void answer(GDBusMethodInvocation *invocation, GVariant *reply)
 {
-    const std::string problem = sendProblem(reply);
-    if (problem.empty()) {
+    if (!answeredTooLarge(invocation, reply))
         g_dbus_method_invocation_return_value(invocation, reply);
-        return;
-    }
-    const std::string message = "kep-sim cannot send the reply: " + problem;
-    g_dbus_method_invocation_return_dbus_error(invocation, LimitsExceeded, message.c_str());
 }
 
 // What keeps `value`, written to property `name`, from being read back: GetAll wraps it the deepest.
@@ -258,12 +265,8 @@ void Service::read(const char *name, GDBusMethodInvocation *invocation)
     if (fault == m_readFaults.end()) {
         const Variant value = m_device.property(name);
         const Variant body = own(g_variant_new("(v)", value.get()));
-        const std::string problem = sendProblem(body.get());
-        if (!problem.empty()) {
-            const std::string message = "kep-sim cannot send the reply: " + problem;
-            g_dbus_method_invocation_return_dbus_error(invocation, LimitsExceeded, message.c_str());
+        if (answeredTooLarge(invocation, body.get()))
             return;
-        }
         g_autoptr(GDBusMessage) reply
             = g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
         g_dbus_message_set_body(reply, body.get());
