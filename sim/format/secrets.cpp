@@ -346,6 +346,7 @@ Step SecretRemover::removedFrom(const Step &step, Values values)
     removed.replyMs = step.replyMs;
     removed.hasReplyMs = step.hasReplyMs;
     removed.error = step.error;
+    removed.unplayable = step.unplayable;
     for (const bool ofReply : {false, true}) {
         GVariant *args = step.args.get();
         if (ofReply)
