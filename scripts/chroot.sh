@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# The clean Debian 12 chroot of the armhf build and of the tests as installed: bookworm for this
+# machine's architecture with armhf added, debhelper, the cross compilers, the armhf build
+# dependencies (debian/control, profiles cross and nocheck) and the test dependencies
+# (debian/tests/control). Its packages come from the mirror this machine's apt uses, from bookworm's
+# main suite only: no security or updates suite, whose armhf and amd64 indexes can be out of step.
+# It is kept in the user's cache directory, named by a hash of the two control files, and made again
+# when they change (the Build-Depends, say).
+#   scripts/chroot.sh                prints the chroot's directory, making it first if needed
+#   scripts/chroot.sh run CMD...     runs CMD in the chroot as root, with /proc and /dev for CMD only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+suite=bookworm
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+cache=${XDG_CACHE_HOME:-$HOME/.cache}/kepclient
+key=$(cat debian/control debian/tests/control | sha256sum | cut -c1-16)
+root=$cache/$suite-$key
+
+if [ ! -e "$root/etc/os-release" ]; then
+    mirror=$(scripts/apt-mirror.sh "$suite")
+    # The tests' dependencies, our own packages left out.
+    test_deps=$(sed -n 's/^Depends: //p' debian/tests/control | tr ',' '\n' | tr -d ' ' |
+        grep -vx 'kepclient\|kep-sim\|@.*' | paste -sd, -)
+    echo "chroot: making a $suite chroot in $root (from $mirror)" >&2
+    mkdir -p "$cache"
+    "${as_root[@]}" rm -rf "$root.new"
+    "${as_root[@]}" mmdebstrap --quiet --variant=buildd --architectures="$(dpkg --print-architecture),armhf" \
+        --include="debhelper,crossbuild-essential-armhf,$test_deps" \
+        --skip=cleanup/apt/lists \
+        --customize-hook='mkdir -p "$1/tmp/source/debian"' \
+        --customize-hook='copy-in debian/control debian/changelog /tmp/source/debian' \
+        --customize-hook='chroot "$1" sh -c "cd /tmp/source && apt-get -qq build-dep -y -aarmhf -Pcross,nocheck ./"' \
+        --customize-hook='rm -r "$1/tmp/source"' \
+        "$suite" "$root.new" "$mirror" >&2
+    # Chroots made for earlier Build-Depends go.
+    for old in "$cache/$suite"-*; do
+        [ "$old" = "$root.new" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
+    done
+    "${as_root[@]}" mv "$root.new" "$root"
+fi
+
+if [ "${1:-}" != run ]; then
+    echo "$root"
+    exit 0
+fi
+shift
+# In a mount namespace of its own: the mounts go when the command ends, however it ends.
+exec "${as_root[@]}" unshare --mount --pid --fork --kill-child sh -c '
+    root=$1
+    shift
+    mount --rbind /dev "$root/dev"
+    mount -t proc proc "$root/proc"
+    exec chroot "$root" "$@"' - "$root" "$@"
