@@ -8,6 +8,8 @@
 # when they change (the Build-Depends, say).
 #   scripts/chroot.sh                prints the chroot's directory, making it first if needed
 #   scripts/chroot.sh run CMD...     runs CMD in the chroot as root, with /proc and /dev for CMD only
+#   scripts/chroot.sh testbed CMD... runs CMD here as root, the directory of a throwaway copy of the
+#                                    chroot (an overlay, gone with CMD) added as its last argument
 set -euo pipefail
 cd "$(dirname "$0")/.."
 suite=bookworm
@@ -26,7 +28,7 @@ if [ ! -e "$root/etc/os-release" ]; then
     mkdir -p "$cache"
     "${as_root[@]}" rm -rf "$root.new"
     "${as_root[@]}" mmdebstrap --quiet --variant=buildd --architectures="$(dpkg --print-architecture),armhf" \
-        --include="debhelper,crossbuild-essential-armhf,$test_deps" \
+        --include="debhelper,crossbuild-essential-armhf,apt-utils,$test_deps" \
         --skip=cleanup/apt/lists \
         --customize-hook='mkdir -p "$1/tmp/source/debian"' \
         --customize-hook='copy-in debian/control debian/changelog /tmp/source/debian' \
@@ -40,15 +42,30 @@ if [ ! -e "$root/etc/os-release" ]; then
     "${as_root[@]}" mv "$root.new" "$root"
 fi
 
-if [ "${1:-}" != run ]; then
-    echo "$root"
-    exit 0
-fi
-shift
+mode=${1:-}
+case $mode in
+    run | testbed) shift ;;
+    *)
+        echo "$root"
+        exit 0
+        ;;
+esac
+work=$(mktemp -d)
+trap '"${as_root[@]}" rm -rf --one-file-system "$work"' EXIT
+mkdir "$work/upper" "$work/work" "$work/testbed"
 # In a mount namespace of its own: the mounts go when the command ends, however it ends.
-exec "${as_root[@]}" unshare --mount --pid --fork --kill-child sh -c '
-    root=$1
-    shift
+"${as_root[@]}" unshare --mount --pid --fork --kill-child sh -c '
+    mode=$1
+    root=$2
+    work=$3
+    shift 3
+    if [ "$mode" = testbed ]; then
+        mount -t overlay overlay -o "lowerdir=$root,upperdir=$work/upper,workdir=$work/work" "$work/testbed"
+        root=$work/testbed
+    fi
     mount --rbind /dev "$root/dev"
     mount -t proc proc "$root/proc"
-    exec chroot "$root" "$@"' - "$root" "$@"
+    if [ "$mode" = testbed ]; then
+        exec "$@" "$root"
+    fi
+    exec chroot "$root" "$@"' - "$mode" "$root" "$work" "$@"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs an armhf program on the build machine through qemu-arm, with the armhf
-# sysroot made by scripts/cross-prepare.sh as its root for shared libraries
-# and Qt plugins:
+# Runs an armhf program on the build machine through qemu-arm, with the chroot
+# of the armhf build (scripts/chroot.sh, made first if needed) as its root for
+# shared libraries and Qt plugins:
 #
 #   scripts/qemu-armhf.sh build-armhf/kepclient status
 #
@@ -11,7 +11,6 @@
 # to the sysroot's plugins, LD_LIBRARY_PATH is dropped, and LD_PRELOAD is
 # kept for qemu itself (faketime, say) but hidden from the armhf program.
 # Exit status is the program's.
-# KEP_ARMHF_SYSROOT, when set in the environment, overrides the sysroot path.
 set -euo pipefail
 
 if [ $# -lt 1 ]; then
@@ -19,16 +18,11 @@ if [ $# -lt 1 ]; then
     exit 2
 fi
 
-repo=$(cd "$(dirname "$(realpath "$0")")/.." && pwd)
-sysroot=${KEP_ARMHF_SYSROOT:-$repo/.cross/sysroot-armhf}
+sysroot=$("$(dirname "$(realpath "$0")")/chroot.sh")
 triplet=arm-linux-gnueabihf
 
-if [ ! -e "$sysroot/lib/ld-linux-armhf.so.3" ]; then
-    echo "$0: no armhf sysroot at $sysroot; run scripts/cross-prepare.sh" >&2
-    exit 2
-fi
 command -v qemu-arm >/dev/null || {
-    echo "$0: qemu-arm not found; run scripts/cross-prepare.sh" >&2
+    echo "$0: qemu-arm not found (Debian: qemu-user)" >&2
     exit 2
 }
 
