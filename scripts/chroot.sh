@@ -32,7 +32,8 @@ if [ ! -e "$root/etc/os-release" ]; then
         --skip=cleanup/apt/lists \
         --customize-hook='mkdir -p "$1/tmp/source/debian"' \
         --customize-hook='copy-in debian/control debian/changelog /tmp/source/debian' \
-        --customize-hook='chroot "$1" sh -c "cd /tmp/source && apt-get -qq build-dep -y -aarmhf -Pcross,nocheck ./"' \
+        --customize-hook='chroot "$1" sh -c "cd /tmp/source && apt-get -qq build-dep -y -aarmhf \
+            -Pcross,nocheck ./"' \
         --customize-hook='rm -r "$1/tmp/source"' \
         "$suite" "$root.new" "$mirror" >&2
     # Chroots made for earlier Build-Depends go.

@@ -22,7 +22,8 @@ if [ "$arch" != "$native" ] && [ "$arch" != armhf ]; then
     exit 2
 fi
 if [ -n "$(git status --porcelain --untracked-files=no)" ]; then
-    say "warning: the work tree differs from commit $(git rev-parse --short HEAD); the packages hold the changes"
+    say "warning: the work tree differs from commit $(git rev-parse --short HEAD);" \
+        "the packages hold the changes"
 fi
 
 rm -rf "$stage"
