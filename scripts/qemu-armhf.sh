@@ -8,7 +8,7 @@
 # The environment is passed through (DBUS_SYSTEM_BUS_ADDRESS,
 # DBUS_SESSION_BUS_ADDRESS, ...), except for what would make the armhf
 # program reach for the build machine's x86-64 code: QT_PLUGIN_PATH is set
-# to the sysroot's plugins, LD_LIBRARY_PATH is dropped, and LD_PRELOAD is
+# to the chroot's plugins, LD_LIBRARY_PATH is dropped, and LD_PRELOAD is
 # kept for qemu itself (faketime, say) but hidden from the armhf program.
 # Exit status is the program's.
 set -euo pipefail
@@ -18,7 +18,7 @@ if [ $# -lt 1 ]; then
     exit 2
 fi
 
-sysroot=$("$(dirname "$(realpath "$0")")/chroot.sh")
+chroot=$("$(dirname "$(realpath "$0")")/chroot.sh")
 triplet=arm-linux-gnueabihf
 
 command -v qemu-arm >/dev/null || {
@@ -27,8 +27,8 @@ command -v qemu-arm >/dev/null || {
 }
 
 # qemu-arm -L makes the program's absolute file paths resolve inside the
-# sysroot first (dynamic loader, libraries, Qt's built-in plugin directory),
+# chroot first (dynamic loader, libraries, Qt's built-in plugin directory),
 # falling back to the build machine's files (/etc, /proc, sockets, ...).
-export QT_PLUGIN_PATH=$sysroot/usr/lib/$triplet/qt5/plugins
+export QT_PLUGIN_PATH=$chroot/usr/lib/$triplet/qt5/plugins
 unset QT_QPA_PLATFORM_PLUGIN_PATH LD_LIBRARY_PATH
-exec qemu-arm -L "$sysroot" -U LD_PRELOAD "$@"
+exec qemu-arm -L "$chroot" -U LD_PRELOAD "$@"
