@@ -26,21 +26,32 @@ if [ ! -e "$root/etc/os-release" ]; then
         grep -vx 'kepclient\|kep-sim\|@.*' | paste -sd, -)
     echo "chroot: making a $suite chroot in $root (from $mirror)" >&2
     mkdir -p "$cache"
+    log=$root.log
     "${as_root[@]}" rm -rf "$root.new"
-    "${as_root[@]}" mmdebstrap --quiet --variant=buildd --architectures="$(dpkg --print-architecture),armhf" \
+    "${as_root[@]}" mmdebstrap --variant=buildd --architectures="$(dpkg --print-architecture),armhf" \
         --include="debhelper,crossbuild-essential-armhf,apt-utils,$test_deps" \
         --skip=cleanup/apt/lists \
         --customize-hook='mkdir -p "$1/tmp/source/debian"' \
         --customize-hook='copy-in debian/control debian/changelog /tmp/source/debian' \
-        --customize-hook='chroot "$1" sh -c "cd /tmp/source && apt-get -qq build-dep -y -aarmhf \
+        --customize-hook='chroot "$1" sh -c "cd /tmp/source && apt-get -q build-dep -y -aarmhf \
             -Pcross,nocheck ./"' \
         --customize-hook='rm -r "$1/tmp/source"' \
-        "$suite" "$root.new" "$mirror" >&2
+        "$suite" "$root.new" "$mirror" >"$log" 2>&1 &
+    making=$!
+    # Stopped, this script stops mmdebstrap too.
+    trap '"${as_root[@]}" kill "$making" 2>/dev/null || true' EXIT
+    if ! wait "$making"; then
+        tail -n 40 "$log" >&2
+        echo "chroot: mmdebstrap failed (the log's last lines above, all of it in $log)" >&2
+        exit 1
+    fi
     # Chroots made for earlier Build-Depends go.
     for old in "$cache/$suite"-*; do
-        [ "$old" = "$root.new" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
+        [ "$old" = "$root.new" ] || [ "$old" = "$log" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
     done
     "${as_root[@]}" mv "$root.new" "$root"
+    trap - EXIT
+    echo "chroot: made in $SECONDS s" >&2
 fi
 
 mode=${1:-}

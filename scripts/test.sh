@@ -14,6 +14,24 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh gdb-multiarch piuparts adequate mmdebstrap autopkgtest qemu-user lintian file \
     clang-format pycodestyle clang-14 libclang-rt-14-dev
 
+# Two steps wait on the network and on dpkg more than on the processors, and run alongside others, each
+# with its output in a file: making the clean chroot (scripts/chroot.sh), if missing, alongside the
+# first steps; piuparts alongside the sanitizer and fuzz builds. A job still running at the end is stopped.
+chroot_log=$(mktemp)
+piuparts_log=$(mktemp)
+piuparts_job=""
+scripts/chroot.sh >"$chroot_log" 2>&1 &
+chroot_job=$!
+trap 'kill $chroot_job $piuparts_job 2>/dev/null || true; rm -f "$chroot_log" "$piuparts_log"' EXIT
+# finish JOB LOG: waits for JOB and shows its output; fails if it failed.
+finish() {
+    if ! wait "$1"; then
+        cat "$2" >&2
+        exit 1
+    fi
+    cat "$2"
+}
+
 step_started=$SECONDS
 step_name=""
 step() {
@@ -54,8 +72,9 @@ scripts/package.sh
 lint dist/*_"$arch".deb
 tests/packages/package_test.sh dist "$arch" "$version"
 
-step "the clean bookworm chroot (made once, kept while debian/control stays)"
-scripts/chroot.sh
+step "the clean bookworm chroot: made alongside the steps above, or kept from an earlier run"
+finish "$chroot_job" "$chroot_log"
+chroot_job=""
 
 step "autopkgtest: the case tables on the installed packages, in a throwaway copy of the chroot"
 log=build-deb/autopkgtest.log
@@ -67,13 +86,13 @@ if ! scripts/chroot.sh testbed autopkgtest --no-built-binaries ./ dist/kepclient
 fi
 grep -E ' (passed|PASS)' "$log"
 
-step "piuparts"
-tests/packages/piuparts_test.sh dist "$arch" "$version"
-
 step "reproducible packages"
 tests/packages/reproducible_test.sh dist "$arch"
 
-step "AddressSanitizer + UndefinedBehaviorSanitizer build"
+tests/packages/piuparts_test.sh dist "$arch" "$version" >"$piuparts_log" 2>&1 &
+piuparts_job=$!
+
+step "AddressSanitizer + UndefinedBehaviorSanitizer build (piuparts alongside)"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKEP_SANITIZE=ON >/dev/null
 cmake --build build-asan -j"$jobs"
 ctest --test-dir build-asan --output-on-failure
@@ -83,6 +102,10 @@ step "libFuzzer on kep-sim's scenario reader: clang with AddressSanitizer and UB
 CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=Debug -DKEP_FUZZ=ON >/dev/null
 cmake --build build-fuzz -j"$jobs" --target scenario_fuzz
 ctest --test-dir build-fuzz -R '^scenario_fuzz$' --output-on-failure
+
+step "piuparts: the rest of its time"
+finish "$piuparts_job" "$piuparts_log"
+piuparts_job=""
 
 step "armhf: release packages cross-built in the chroot, the end-to-end suites on their kepclient"
 scripts/package.sh armhf
