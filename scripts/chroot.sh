@@ -17,7 +17,9 @@ as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/kepclient
 key=$(cat debian/control debian/tests/control | sha256sum | cut -c1-16)
-root=$cache/$suite-$key
+# Named for what it holds, so that the removal of old ones below matches nothing else in the cache.
+name=$suite-$(dpkg --print-architecture)+armhf
+root=$cache/$name-$key
 
 if [ ! -e "$root/etc/os-release" ]; then
     mirror=$(scripts/apt-mirror.sh "$suite")
@@ -46,7 +48,7 @@ if [ ! -e "$root/etc/os-release" ]; then
         exit 1
     fi
     # Chroots made for earlier Build-Depends go.
-    for old in "$cache/$suite"-*; do
+    for old in "$cache/$name"-*; do
         [ "$old" = "$root.new" ] || [ "$old" = "$log" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
     done
     "${as_root[@]}" mv "$root.new" "$root"
