@@ -9,15 +9,33 @@
 # information and __FILE__ (-ffile-prefix-map), so that two builds of the
 # same commit at different paths give the same programs, build-ids included.
 
+# Under dh (debian/rules) the same flags come from dpkg-buildflags through the environment, and this
+# is switched off.
+option(KEP_HARDENING "Compile and link with dpkg-buildflags' hardening flags" ON)
+
+# One item each, so that a blank in a path survives. The build tree is
+# mapped after the source tree: the last matching map wins, and the build
+# tree may lie inside the source tree.
+add_compile_options(
+    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=."
+    "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build")
+if(NOT KEP_HARDENING OR KEP_SANITIZE)
+    return()
+endif()
+
 find_program(KEP_DPKG_BUILDFLAGS dpkg-buildflags)
 if(NOT KEP_DPKG_BUILDFLAGS)
     message(FATAL_ERROR "dpkg-buildflags not found (Debian: dpkg-dev)")
 endif()
 
-# The Debian architecture of the programs built.
-if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
-    set(KEP_DEB_HOST_ARCH armhf)
-else()
+# The Debian architecture of the programs built, from the compiler's multiarch directory (whatever
+# name the build gives the processor: arm, armv7l, ...).
+set(KEP_DEB_HOST_ARCH "")
+if(CMAKE_LIBRARY_ARCHITECTURE)
+    execute_process(COMMAND dpkg-architecture -t ${CMAKE_LIBRARY_ARCHITECTURE} -qDEB_HOST_ARCH
+        OUTPUT_VARIABLE KEP_DEB_HOST_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+endif()
+if(NOT KEP_DEB_HOST_ARCH)
     execute_process(COMMAND dpkg --print-architecture
         OUTPUT_VARIABLE KEP_DEB_HOST_ARCH OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
 endif()
@@ -41,14 +59,5 @@ kep_buildflags(KEP_HARDENING_CPPFLAGS CPPFLAGS)
 kep_buildflags(KEP_HARDENING_CXXFLAGS CXXFLAGS)
 kep_buildflags(KEP_HARDENING_LDFLAGS LDFLAGS)
 
-if(NOT KEP_SANITIZE)
-    add_compile_options(${KEP_HARDENING_CPPFLAGS} ${KEP_HARDENING_CXXFLAGS} -fstack-clash-protection)
-    add_link_options(${KEP_HARDENING_LDFLAGS})
-endif()
-
-# One item each, so that a blank in a path survives. The build tree is
-# mapped after the source tree: the last matching map wins, and the build
-# tree may lie inside the source tree.
-add_compile_options(
-    "-ffile-prefix-map=${PROJECT_SOURCE_DIR}=."
-    "-ffile-prefix-map=${PROJECT_BINARY_DIR}=build")
+add_compile_options(${KEP_HARDENING_CPPFLAGS} ${KEP_HARDENING_CXXFLAGS} -fstack-clash-protection)
+add_link_options(${KEP_HARDENING_LDFLAGS})

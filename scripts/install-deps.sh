@@ -1,37 +1,39 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages that building, testing and the demo need,
-# and those named as arguments.
+# Installs the Debian 12 packages that building, testing and the demo need: the build dependencies
+# debian/control names (apt-get build-dep), and the packages named as arguments.
 #   scripts/install-deps.sh [--update] [PACKAGE...]
-# Idempotent: prints nothing and touches nothing when all are present, unless
+# Idempotent: prints nothing and touches nothing when all are present (dpkg-checkbuilddeps), unless
 # --update asks for the package lists to be read again in any case.
 # While another process holds apt's or dpkg's lock (a machine that has just
 # booted runs its own updates), it waits for it, at most KEP_APT_LOCK_WAIT
 # seconds (default 600), then gives up naming the lock's holder.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 update=0
 if [ "${1:-}" = --update ]; then
     update=1
     shift
 fi
-packages=(build-essential cmake qtbase5-dev qtbase5-dev-tools libglib2.0-dev pkg-config
-          dbus-daemon dbus-bin util-linux procps faketime python3-gi file man-db groff-base lintian
-          libglib2.0-bin
-          "$@")
 
+build_deps=0
+if ! command -v dpkg-checkbuilddeps >/dev/null || ! dpkg-checkbuilddeps >/dev/null 2>&1; then
+    build_deps=1
+fi
 missing=()
-for p in "${packages[@]}"; do
+for p in "$@"; do
     if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
         missing+=("$p")
     fi
 done
-[ ${#missing[@]} -eq 0 ] && [ "$update" -eq 0 ] && exit 0
+[ ${#missing[@]} -eq 0 ] && [ "$build_deps" -eq 0 ] && [ "$update" -eq 0 ] && exit 0
 
 sudo=()
 [ "$(id -u)" -eq 0 ] || sudo=(sudo)
 wait_s=${KEP_APT_LOCK_WAIT:-600}
 deadline=$((SECONDS + wait_s))
 apt=("${sudo[@]}" apt-get -q -o Dpkg::Use-Pty=0)
+[ "$build_deps" -eq 0 ] || echo "Installing the build dependencies of debian/control" >&2
 [ ${#missing[@]} -eq 0 ] || echo "Installing: ${missing[*]}" >&2
 export DEBIAN_FRONTEND=noninteractive
 log=$(mktemp)
@@ -55,14 +57,17 @@ until "${apt[@]}" update >"$log" 2>&1; do
     [ "$SECONDS" -lt "$deadline" ] || give_up
     sleep 2
 done
-[ ${#missing[@]} -gt 0 ] || exit 0
-# apt-get install waits for dpkg's lock itself, for the time that remains.
-remaining=$((deadline - SECONDS))
-[ "$remaining" -gt 0 ] || remaining=1
-install=("${apt[@]}" -o DPkg::Lock::Timeout="$remaining" install -y --no-install-recommends)
-if ! "${install[@]}" "${missing[@]}" >"$log" 2>&1; then
-    grep -q 'Could not get lock\|Unable to acquire the dpkg frontend lock' "$log" && give_up
-    cat "$log" >&2
-    echo "install-deps: apt-get install failed" >&2
-    exit 1
-fi
+# apt-get waits for dpkg's lock itself, for the time that remains.
+run_apt() {
+    local remaining=$((deadline - SECONDS))
+    [ "$remaining" -gt 0 ] || remaining=1
+    if ! "${apt[@]}" -o DPkg::Lock::Timeout="$remaining" -y --no-install-recommends "$@" >"$log" 2>&1; then
+        grep -q 'Could not get lock\|Unable to acquire the dpkg frontend lock' "$log" && give_up
+        cat "$log" >&2
+        echo "install-deps: apt-get $1 failed" >&2
+        exit 1
+    fi
+}
+[ "$build_deps" -eq 0 ] || run_apt build-dep ./
+[ ${#missing[@]} -eq 0 ] || run_apt install "${missing[@]}"
+

@@ -1,17 +1,16 @@
 #!/usr/bin/env bash
-# Runs an armhf program on the build machine through qemu-arm, with the armhf
-# sysroot made by scripts/cross-prepare.sh as its root for shared libraries
-# and Qt plugins:
+# Runs an armhf program on the build machine through qemu-arm, with the chroot
+# of the armhf build (scripts/chroot.sh, made first if needed) as its root for
+# shared libraries and Qt plugins:
 #
 #   scripts/qemu-armhf.sh build-armhf/kepclient status
 #
 # The environment is passed through (DBUS_SYSTEM_BUS_ADDRESS,
 # DBUS_SESSION_BUS_ADDRESS, ...), except for what would make the armhf
 # program reach for the build machine's x86-64 code: QT_PLUGIN_PATH is set
-# to the sysroot's plugins, LD_LIBRARY_PATH is dropped, and LD_PRELOAD is
+# to the chroot's plugins, LD_LIBRARY_PATH is dropped, and LD_PRELOAD is
 # kept for qemu itself (faketime, say) but hidden from the armhf program.
 # Exit status is the program's.
-# KEP_ARMHF_SYSROOT, when set in the environment, overrides the sysroot path.
 set -euo pipefail
 
 if [ $# -lt 1 ]; then
@@ -19,22 +18,17 @@ if [ $# -lt 1 ]; then
     exit 2
 fi
 
-repo=$(cd "$(dirname "$(realpath "$0")")/.." && pwd)
-sysroot=${KEP_ARMHF_SYSROOT:-$repo/.cross/sysroot-armhf}
+chroot=$("$(dirname "$(realpath "$0")")/chroot.sh")
 triplet=arm-linux-gnueabihf
 
-if [ ! -e "$sysroot/lib/ld-linux-armhf.so.3" ]; then
-    echo "$0: no armhf sysroot at $sysroot; run scripts/cross-prepare.sh" >&2
-    exit 2
-fi
 command -v qemu-arm >/dev/null || {
-    echo "$0: qemu-arm not found; run scripts/cross-prepare.sh" >&2
+    echo "$0: qemu-arm not found (Debian: qemu-user)" >&2
     exit 2
 }
 
 # qemu-arm -L makes the program's absolute file paths resolve inside the
-# sysroot first (dynamic loader, libraries, Qt's built-in plugin directory),
+# chroot first (dynamic loader, libraries, Qt's built-in plugin directory),
 # falling back to the build machine's files (/etc, /proc, sockets, ...).
-export QT_PLUGIN_PATH=$sysroot/usr/lib/$triplet/qt5/plugins
+export QT_PLUGIN_PATH=$chroot/usr/lib/$triplet/qt5/plugins
 unset QT_QPA_PLATFORM_PLUGIN_PATH LD_LIBRARY_PATH
-exec qemu-arm -L "$sysroot" -U LD_PRELOAD "$@"
+exec qemu-arm -L "$chroot" -U LD_PRELOAD "$@"
