@@ -58,9 +58,10 @@ const std::vector<Row> Rows = {
      Accepted},
     // a ten-megabyte unknown key, cut in the refusal
     {"{'" + std::string(10000000, 'x') + "': <1>}",
-     "input.gv:1:2: unknown key 'xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx…' (known here: "
-     "Connected, Details, LogLevel, Mode, SoftApModeSettings, WiredIpSettings, WirelessIpSettings, "
-     "WirelessNetworks, silent, scan, wps, dialog)"},
+     "input.gv:1:2: unknown key '" + std::string(60, 'x')
+         + "…' (known here: "
+           "Connected, Details, LogLevel, Mode, SoftApModeSettings, WiredIpSettings, WirelessIpSettings, "
+           "WirelessNetworks, silent, scan, wps, dialog)"},
     {"{'a\nb': <1>}",
      "input.gv:1:2: unknown key 'a\\u000ab' (known here: Connected, Details, LogLevel, Mode, "
      "SoftApModeSettings, WiredIpSettings, WirelessIpSettings, WirelessNetworks, silent, scan, wps, dialog)"},
