@@ -137,6 +137,32 @@ int serve(const Options &options, Scenario scenario)
     return commandStatus;
 }
 
+// What of a recording will not be played, said on standard error: the end of one cut short, and the
+// steps from the first one it could not write so that it plays, which are dropped.
+void sayWhatIsPlayed(const std::string &path, Scenario &scenario)
+{
+    if (scenario.cutShort) {
+        const char *steps = "steps are";
+        if (scenario.dialog.size() == 1)
+            steps = "step is";
+        std::fprintf(stderr, "kep-sim: %s was cut short: its %zu whole %s played\n", shown(path).c_str(),
+                     scenario.dialog.size(), steps);
+    }
+    Dialog &dialog = scenario.dialog;
+    const auto playable = [](const Step &step) { return step.unplayable.empty(); };
+    const auto unplayable = std::find_if_not(dialog.begin(), dialog.end(), playable);
+    if (unplayable != dialog.end()) {
+        const char *kind = "signal";
+        if (unplayable->isCall)
+            kind = "call";
+        std::fprintf(stderr,
+                     "kep-sim: %s: its step %zu, the %s %s, cannot be played: %s; the replay stops there\n",
+                     shown(path).c_str(), size_t(unplayable - dialog.begin()) + 1, kind,
+                     unplayable->member.c_str(), shown(unplayable->unplayable).c_str());
+        dialog.erase(unplayable, dialog.end());
+    }
+}
+
 // What kep-sim took out of a file it wrote, said on standard error.
 void saySecretsRemoved(size_t removed)
 {
@@ -257,26 +283,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "%s\n", message.c_str());
         return UsageStatus;
     }
-    if (scenario.cutShort) {
-        const char *steps = "steps are";
-        if (scenario.dialog.size() == 1)
-            steps = "step is";
-        std::fprintf(stderr, "kep-sim: %s was cut short: its %zu whole %s played\n",
-                     shown(options.scenario).c_str(), scenario.dialog.size(), steps);
-    }
-    Dialog &dialog = scenario.dialog;
-    const auto playable = [](const Step &step) { return step.unplayable.empty(); };
-    const auto unplayable = std::find_if_not(dialog.begin(), dialog.end(), playable);
-    if (unplayable != dialog.end()) {
-        const char *kind = "signal";
-        if (unplayable->isCall)
-            kind = "call";
-        std::fprintf(stderr,
-                     "kep-sim: %s: its step %zu, the %s %s, cannot be played: %s; the replay stops there\n",
-                     shown(options.scenario).c_str(), size_t(unplayable - dialog.begin()) + 1, kind,
-                     unplayable->member.c_str(), shown(unplayable->unplayable).c_str());
-        dialog.erase(unplayable, dialog.end());
-    }
+    sayWhatIsPlayed(options.scenario, scenario);
     if (options.word == "check")
         return 0;
     return serve(options, std::move(scenario));

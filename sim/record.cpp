@@ -8,17 +8,6 @@ namespace {
 
 constexpr gint64 MicrosecondsPerMillisecond = 1000;
 
-// A value of `step` that a replay could not play, its arguments or reply, is left out, and the step says
-// why: the session is written whole all the same.
-void leaveOutUnplayable(Step &step, Variant &value)
-{
-    const std::string problem = bodyProblem(value.get());
-    if (problem.empty())
-        return;
-    step.unplayable = problem;
-    value.reset();
-}
-
 // How often the recording is put on the disk, and the calls still unanswered looked at.
 constexpr guint TickSeconds = 1;
 
@@ -33,6 +22,17 @@ const char DisconnectedError[] = "org.freedesktop.DBus.Error.Disconnected";
 guint64 roundedMilliseconds(gint64 microseconds)
 {
     return guint64((microseconds + MicrosecondsPerMillisecond / 2) / MicrosecondsPerMillisecond);
+}
+
+// A value of `step` that a replay could not play, its arguments or reply, is left out, and the step says
+// why: the session is written whole all the same.
+void leaveOutUnplayable(Step &step, Variant &value)
+{
+    const std::string problem = bodyProblem(value.get());
+    if (problem.empty())
+        return;
+    step.unplayable = problem;
+    value.reset();
 }
 
 } // namespace
