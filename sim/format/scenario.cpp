@@ -444,22 +444,23 @@ private:
     }
 
     // The steps of a dialog, [{...}, ...], beginning at `at`, which moves past the closing bracket; a
-    // type annotation must be `type`. A text that ends inside the list is a recording cut short: the
-    // steps read whole are kept, and a step the end cuts through is left out.
+    // type annotation must be `type`. A comma may follow the last step, so that any step's line can be cut
+    // out of a recording, the last one too. A text that ends inside the list is a recording cut short:
+    // the steps read whole are kept, and a step the end cuts through is left out.
     bool steps(size_t &at, const char *type)
     {
         if (!skipAnnotation(at, type))
             return false;
         if (!expect(at, '[', "expected a list of steps, [{...}, ...]"))
             return false;
-        if (startsWith(at, ']')) {
-            at += 1;
-            return true;
-        }
         while (true) {
             skipBlanks(at);
             if (at == m_end)
                 return cutShort();
+            if (startsWith(at, ']')) {
+                at += 1;
+                return true;
+            }
             const size_t stepAt = at;
             m_scenario.dialog.emplace_back();
             if (!dictionary(at, StepWithin, DictionaryType)) {
@@ -477,11 +478,8 @@ private:
             skipBlanks(at);
             if (at == m_end)
                 return cutShort();
-            if (startsWith(at, ']')) {
-                at += 1;
-                return true;
-            }
-            if (!expect(at, ',', "expected ',' or ']' after a step"))
+            const bool listEnds = startsWith(at, ']');
+            if (!listEnds && !expect(at, ',', "expected ',' or ']' after a step"))
                 return false;
         }
     }

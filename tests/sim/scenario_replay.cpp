@@ -99,6 +99,12 @@ const std::vector<Row> Rows = {
     {"{'dialog': <{'call': <'Scan'>}>}", "input.gv:1:13: expected a list of steps, [{...}, ...]"},
     {"{'dialog': <[{'signal': <'Started'>} {'signal': <'Started'>}]>}",
      "input.gv:1:38: expected ',' or ']' after a step"},
+    // a comma after the last step, as a recording has once that step's line is cut out; none before the first
+    {"{'dialog': <[\n  {'signal': <'Started'>},\n  ]>}", Accepted},
+    {"{'dialog': <[, {'signal': <'Started'>}]>}",
+     "input.gv:1:14: expected a dictionary {'key': <value>, ...}"},
+    {"{'dialog': <[{'signal': <'Started'>},,]>}",
+     "input.gv:1:38: expected a dictionary {'key': <value>, ...}"},
     {"{'LogLevel': <3>, 'scan': <@ {}>}", "input.gv:1:29: expected a type after '@'"},
     {"{'scan': <@a{ss} {}>}", "input.gv:1:12: expected type 'a{sv}' here"},
     {"{'dialog': <[{'signal': <'Started'>, 'call': <'Scan'>}]>}",
