@@ -78,9 +78,16 @@ std::string firstNetwork(GVariant *networks, gint32 &count)
 } // namespace
 
 Device::Device(DeviceState state, Emit emit)
-    : m_state(std::move(state))
+    : m_initialState(std::move(state))
+    , m_state(m_initialState)
     , m_emit(std::move(emit))
 { }
+
+void Device::reset()
+{
+    m_timers.cancelAll();
+    m_state = m_initialState;
+}
 
 Variant Device::call(std::string_view member, GVariant *args)
 {

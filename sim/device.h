@@ -24,6 +24,9 @@ public:
     Variant property(const std::string &name) const; // Details made from the state unless one was given
     void setProperty(const std::string &name, SharedVariant value); // a Variant given moves in
 
+    // Back to the state it started with: a scan or WPS run under way is cancelled.
+    void reset();
+
 private:
     std::string currentMode() const;
     Variant madeDetails() const;
@@ -33,6 +36,7 @@ private:
     void sayScanResults();
     void say(const char *signal, GVariant *args); // a signal of the device's own: none when silent
 
+    const DeviceState m_initialState;
     DeviceState m_state;
     const Emit m_emit;
     Timers m_timers; // last: its actions, which call the device, go before the rest of it

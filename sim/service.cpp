@@ -292,9 +292,13 @@ void Service::control(std::string_view member, GVariant *args, GDBusMethodInvoca
 {
     using Method = void (Service::*)(GVariant *, GDBusMethodInvocation *);
     static const std::map<std::string_view, Method> methods = {
-        {"Calls", &Service::listCalls},         {"ClearCalls", &Service::clearCalls},
-        {"SetProperty", &Service::setProperty}, {"FailReads", &Service::failReads},
-        {"EmitSignal", &Service::emitSignal},   {"EmitSignals", &Service::emitSignals},
+        {"Calls", &Service::listCalls},
+        {"ClearCalls", &Service::clearCalls},
+        {"SetProperty", &Service::setProperty},
+        {"FailReads", &Service::failReads},
+        {"EmitSignal", &Service::emitSignal},
+        {"EmitSignals", &Service::emitSignals},
+        {"Reset", &Service::reset},
     };
     const auto method = methods.find(member);
     if (method == methods.end()) {
@@ -320,12 +324,24 @@ void Service::listCalls(GVariant *, GDBusMethodInvocation *invocation)
 
 void Service::clearCalls(GVariant *, GDBusMethodInvocation *invocation)
 {
-    {
-        const std::lock_guard<std::mutex> hold(m_callsLock);
-        m_calls.clear();
-        m_callsBytes = 0;
-    }
+    forgetCalls();
     g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+// The device as it started, no read fault and no call listed. A recorded dialog goes on where it is.
+void Service::reset(GVariant *, GDBusMethodInvocation *invocation)
+{
+    m_device.reset();
+    m_readFaults.clear();
+    forgetCalls();
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+void Service::forgetCalls()
+{
+    const std::lock_guard<std::mutex> hold(m_callsLock);
+    m_calls.clear();
+    m_callsBytes = 0;
 }
 
 void Service::setProperty(GVariant *args, GDBusMethodInvocation *invocation)

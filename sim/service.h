@@ -43,12 +43,14 @@ private:
     // The control interface's methods, each answering its call.
     void listCalls(GVariant *args, GDBusMethodInvocation *invocation);
     void clearCalls(GVariant *args, GDBusMethodInvocation *invocation);
+    void reset(GVariant *args, GDBusMethodInvocation *invocation);
     void setProperty(GVariant *args, GDBusMethodInvocation *invocation);
     void failReads(GVariant *args, GDBusMethodInvocation *invocation);
     void emitSignal(GVariant *args, GDBusMethodInvocation *invocation);
     void emitSignals(GVariant *args, GDBusMethodInvocation *invocation);
     void emitAll(GVariant *burst, GDBusMethodInvocation *invocation);
     void emit(const char *signal, GVariant *args);
+    void forgetCalls();
 
     const bool m_trace;
     Device m_device;

@@ -7,9 +7,7 @@ struct Timers::Pending {
 
 Timers::~Timers()
 {
-    const std::lock_guard<std::mutex> hold(m_lock);
-    for (Id id : m_pending)
-        g_source_remove(id);
+    cancelAll();
 }
 
 Timers::Id Timers::after(guint ms, std::function<void()> action)
@@ -27,6 +25,14 @@ void Timers::cancel(Id id)
     const std::lock_guard<std::mutex> hold(m_lock);
     if (m_pending.erase(id) > 0)
         g_source_remove(id);
+}
+
+void Timers::cancelAll()
+{
+    const std::lock_guard<std::mutex> hold(m_lock);
+    for (Id id : m_pending)
+        g_source_remove(id);
+    m_pending.clear();
 }
 
 gboolean Timers::run(gpointer data)

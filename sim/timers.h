@@ -23,6 +23,8 @@ public:
     Id after(guint ms, std::function<void()> action);
     // Cancels an action still to run; one already run or cancelled is no fault.
     void cancel(Id id);
+    // Cancels every action still to run.
+    void cancelAll();
 
 private:
     struct Pending;

@@ -13,6 +13,7 @@ const char SimXml[] = R"xml(<node><interface name="com.calyra.kep.Sim">
     <arg name="message" type="s"/></method>
   <method name="Calls"><arg name="calls" type="a(sssb)" direction="out"/></method>
   <method name="ClearCalls"/>
+  <method name="Reset"/>
 </interface></node>)xml";
 
 } // namespace
