@@ -19,6 +19,7 @@ const char Usage[] = R"(Usage: kep-sim [--scenario FILE] [--trace] run [--] COMM
        kep-sim [--scenario FILE] check
        kep-sim capture [--system | --address ADDRESS] [--keep-secrets] [--output FILE]
        kep-sim record [--system | --address ADDRESS] [--keep-secrets] --output FILE [--] COMMAND [ARGS...]
+       kep-sim --help | --version
 run: serve on a private bus while COMMAND runs with DBUS_SYSTEM_BUS_ADDRESS set to it. serve: print
 DBUS_SYSTEM_BUS_ADDRESS=... once up; the word may be left out after --system or --address ADDRESS.
 --trace: calls and signals on stderr. capture: the service's state as a scenario. record: COMMAND's
@@ -26,12 +27,15 @@ dialog with the service as a scenario. Both leave out Wi-Fi keys, passphrases an
 --keep-secrets, and write FILE for its owner only. See kep-sim(1).
 )";
 
+// What --version prints: the release, as debian/changelog names it.
+const char VersionLine[] = "kep-sim " KEP_VERSION "\n";
+
 // Exit statuses of kep-sim's own; a bus failure is BusFailureStatus.
 constexpr int UsageStatus = 2;
 constexpr int WriteFailureStatus = 1;
 
 struct Options {
-    std::string word; // run, serve, check, capture, record or --help
+    std::string word; // run, serve, check, capture, record, --help or --version
     std::string scenario;
     std::string address;
     std::string output;
@@ -44,7 +48,7 @@ struct Options {
 bool isWord(const std::string &arg)
 {
     return arg == "run" || arg == "serve" || arg == "check" || arg == "capture" || arg == "record"
-        || arg == "--help";
+        || arg == "--help" || arg == "--version";
 }
 
 // The options, then the word, then for run and record the command, with more options allowed before it.
@@ -271,6 +275,10 @@ int main(int argc, char **argv)
     }
     if (options.word == "--help") {
         std::fputs(Usage, stdout);
+        return 0;
+    }
+    if (options.word == "--version") {
+        std::fputs(VersionLine, stdout);
         return 0;
     }
     if (options.word == "capture")

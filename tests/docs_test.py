@@ -5,7 +5,8 @@ Every console block of the guides runs as it stands, in a scratch directory (one
 tree at build/) with the build's programs first in PATH, and must print what the page shows (⇥ for a
 tab). The manual pages name every option
 that kep-sim --help lists, every method of kep-sim's control interface, every key a scenario may hold
-and every command word of kepclient's usage text.
+and every command word of kepclient's usage text, and the version kep-sim --version prints. Each bash
+completion offers what its program's usage text lists, and nothing else.
 
 usage: docs_test.py SOURCE_DIR BUILD_DIR
 """
@@ -22,6 +23,10 @@ COMMAND_LIMIT = 60  # seconds for one command of a block
 KEY_PROBES = ["{'?': <1>}", "{'scan': <{'?': <1>}>}", "{'wps': <{'?': <1>}>}",
               "{'dialog': <[{'?': <1>}]>}"]
 SIM_INTERFACE = 'com.calyra.kep.Sim'
+SIM_WORDS = ['run', 'serve', 'check', 'capture', 'record']
+# The options of kep-sim that take a file, and a file the completion must offer after them.
+FILE_OPTIONS = ['--scenario', '--output']
+PROBE_FILE = 'probe.gv'
 
 
 def console_blocks(path):
@@ -128,12 +133,64 @@ def check_references(source, env):
             for where, name, page in wanted if name not in page]
 
 
+def completed(script, function, words, cwd):
+    """What bash completion's FUNCTION, from SCRIPT, offers for the last of WORDS."""
+    shell = ('source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); %s; '
+             'printf "%%s\\n" "${COMPREPLY[@]}"' % function)
+    done = subprocess.run(['bash', '--norc', '--noprofile', '-c', shell, '-', script] + words, cwd=cwd,
+                          stdin=subprocess.DEVNULL, capture_output=True, timeout=COMMAND_LIMIT)
+    return set(done.stdout.decode('utf-8', 'replace').split())
+
+
+def check_completions(source, env):
+    failures = []
+    scratch = tempfile.mkdtemp(prefix='kep-docs.')
+    try:
+        open(os.path.join(scratch, PROBE_FILE), 'w').close()
+        sim_script = os.path.join(source, 'sim/kep-sim.bash')
+        listed = set(re.findall(r'--[a-z-]+', output(['kep-sim', '--help'], env))) | set(SIM_WORDS)
+        offered = completed(sim_script, '_kep_sim', ['kep-sim', ''], scratch)
+        for word in SIM_WORDS:
+            offered |= completed(sim_script, '_kep_sim', ['kep-sim', word, ''], scratch) - {'--'}
+        if offered != listed:
+            failures.append('the kep-sim completion offers %s; kep-sim --help lists %s'
+                            % (sorted(offered), sorted(listed)))
+        for option in FILE_OPTIONS:
+            files = completed(sim_script, '_kep_sim', ['kep-sim', 'record', option, 'pro'], scratch)
+            if files != {PROBE_FILE}:
+                failures.append('the kep-sim completion offers %s after %s' % (sorted(files), option))
+        words = set(re.findall(r'^\t(\w+)', output(['kepclient', 'help'], env), re.M))
+        client_script = os.path.join(source, 'client/kepclient.bash')
+        offered = completed(client_script, '_kepclient', ['kepclient', ''], scratch)
+        if offered != words:
+            failures.append('the kepclient completion offers %s; kepclient help lists %s'
+                            % (sorted(offered), sorted(words)))
+    finally:
+        shutil.rmtree(scratch)
+    return failures
+
+
+def check_version(source, env):
+    """kep-sim --version and the manual pages name the release of debian/changelog's latest entry."""
+    with open(os.path.join(source, 'debian/changelog'), encoding='utf-8') as changelog:
+        version = re.match(r'kepclient \(([^)]*)\)', changelog.readline()).group(1)
+    printed = output(['kep-sim', '--version'], env)
+    failures = []
+    if printed != 'kep-sim %s\n' % version:
+        failures.append('kep-sim --version printed %r, not kep-sim %s' % (printed, version))
+    for page in ['doc/kep-sim.1', 'doc/kepclient.1']:
+        if '"kepclient %s"' % version not in roff_names(os.path.join(source, page)):
+            failures.append('%s does not name kepclient %s in its title line' % (page, version))
+    return failures
+
+
 def main():
     source = os.path.abspath(sys.argv[1])
     build = os.path.abspath(sys.argv[2])
     env = dict(os.environ, PATH=build + os.pathsep + os.environ['PATH'], LC_ALL='C.UTF-8', KEP_BUILD=build)
     env.pop('DBUS_SYSTEM_BUS_ADDRESS', None)
-    failures = check_references(source, env) + check_guides(source, env)
+    failures = check_references(source, env) + check_completions(source, env) + check_version(source, env)
+    failures += check_guides(source, env)
     for failure in failures:
         print('FAIL', failure)
     print('docs: %d problems' % len(failures))

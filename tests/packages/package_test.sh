@@ -35,7 +35,7 @@ check() {
 check kepclient usr/bin/kepclient usr/share/man/man1/kepclient.1.gz \
     usr/share/bash-completion/completions/kepclient \
     usr/share/doc/kepclient/copyright usr/share/doc/kepclient/changelog.gz
-check kep-sim usr/bin/kep-sim usr/share/man/man1/kep-sim.1.gz \
+check kep-sim usr/bin/kep-sim usr/share/man/man1/kep-sim.1.gz usr/share/bash-completion/completions/kep-sim \
     usr/share/kep-sim/kep-sim.conf usr/share/kep-sim/com.calyra.kep.xml \
     usr/share/doc/kep-sim/copyright usr/share/doc/kep-sim/changelog.gz
 
