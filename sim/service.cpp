@@ -120,13 +120,10 @@ void answer(GDBusMethodInvocation *invocation, GVariant *reply)
         g_dbus_method_invocation_return_value(invocation, reply);
 }
 
-// What keeps `value`, written to property `name`, from being read back: GetAll wraps it the deepest.
+// What keeps `value`, written to property `name`, from being read back.
 std::string readBackProblem(const char *name, GVariant *value)
 {
-    g_autoptr(GVariantBuilder) all = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
-    g_variant_builder_add(all, "{sv}", name, value);
-    const Variant reply = own(g_variant_new("(a{sv})", all));
-    const std::string problem = bodyProblem(reply.get());
+    const std::string problem = propertyProblem(name, value);
     if (problem.empty())
         return "";
     return std::string(name) + " could not be read back: " + problem;

@@ -186,6 +186,14 @@ std::string bodyProblem(GVariant *args)
     return "";
 }
 
+std::string propertyProblem(const char *name, GVariant *value)
+{
+    g_autoptr(GVariantBuilder) all = g_variant_builder_new(G_VARIANT_TYPE_VARDICT);
+    g_variant_builder_add(all, "{sv}", name, value);
+    const Variant reply = own(g_variant_new("(a{sv})", all));
+    return bodyProblem(reply.get());
+}
+
 bool isMemberName(const std::string &name)
 {
     return name.size() <= MaxNameLength && g_dbus_is_member_name(name.c_str());

@@ -25,6 +25,9 @@ std::string carryProblem(GVariant *value);
 // The arguments of a message, a tuple: each one a value D-Bus can carry.
 std::string bodyProblem(GVariant *args);
 
+// The value of property `name`, as every read of it is answered: GetAll's reply wraps it the deepest.
+std::string propertyProblem(const char *name, GVariant *value);
+
 // A step of a dialog: names the bus accepts, an answer only for a call and of one kind, and the types the
 // interface file gives to the replies of its methods and to its signals.
 std::string stepProblem(const Step &step);

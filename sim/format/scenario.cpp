@@ -408,8 +408,11 @@ private:
         if (!parsed(at, meaning.type, expected, read))
             return false;
         std::string problem;
+        const bool isProperty = !meaning.scenarioKey && !meaning.stepKey;
         if (std::string_view(meaning.type) == "r")
             problem = bodyProblem(read.get());
+        else if (isProperty)
+            problem = propertyProblem(name.c_str(), read.get());
         else
             problem = carryProblem(read.get());
         if (!problem.empty())
