@@ -60,9 +60,11 @@ mkdir "$work/upper" "$work/work" "$work/testbed"
     exec autopkgtest --apt-upgrade --ignore-restrictions=isolation-container "$@" -- chroot "$testbed"
     ' - "$root" "$work" "$@" &
 run=$!
-# Stopped, this script stops the run: the namespaces' first process killed, all of theirs go, and their
+# Stopped, this script stops the run. unshare waits out SIGTERM for its child, and the namespaces' first
+# process takes no signal from outside but SIGKILL: the child of the process started here (unshare's, or
+# sudo's unshare, which takes its own child along) is killed, all the namespaces' processes go and their
 # mounts with them; the overlay's files go after.
-trap '"${as_root[@]}" kill "$run" 2>/dev/null || true
+trap '"${as_root[@]}" pkill -KILL -P "$run" || true
     wait "$run" || true
     "${as_root[@]}" rm -rf --one-file-system "$work"' EXIT
 trap 'exit 1' INT TERM HUP
