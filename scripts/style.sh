@@ -19,7 +19,7 @@ if ! pycodestyle --max-line-length="$max_line" "${python_files[@]}"; then
 fi
 
 mapfile -t build_files < <(git ls-files '*.sh' '*.bash' '*.cmake' 'CMakeLists.txt' '*/CMakeLists.txt' \
-    '.ci/run')
+    '.ci/run' 'debian/rules' 'debian/tests/*')
 long_lines=$(awk -v max="$max_line" 'length > max { print FILENAME ":" FNR ": over " max " characters" }' \
     "${build_files[@]}")
 if [ -n "$long_lines" ]; then

@@ -1,23 +1,26 @@
 #!/usr/bin/env bash
 # Installs what is missing, checks the style, builds, and runs the whole test suite: on a plain
-# build; on this machine's release packages (scripts/package.sh): lintian, the package test, the case
-# tables as installed by autopkgtest in a throwaway copy of the clean chroot (scripts/chroot.sh), piuparts,
-# and a second build to show they are reproducible; on a build with AddressSanitizer and UBSan; kep-sim's
-# scenario reader under libFuzzer; and the armhf packages, cross-built in the chroot, with the end-to-end
-# suites run once more on their kepclient under qemu-arm. Each step says how long it took.
+# build; on this machine's release packages (scripts/package.sh): lintian, the package test, the DEP-8
+# tests (the case tables and the system bus policy) by autopkgtest in a throwaway minimal testbed
+# (scripts/testbed.sh), piuparts, and a second build to show they are reproducible; on a build with
+# AddressSanitizer and UBSan; kep-sim's scenario reader under libFuzzer; and the armhf packages,
+# cross-built in the chroot (scripts/chroot.sh), with the end-to-end suites run once more on their
+# kepclient under qemu-arm. Each step says how long it took.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # gdb-multiarch for the package test, piuparts and adequate for installing the packages, mmdebstrap for
-# the chroot, autopkgtest, qemu-user for the armhf programs, clang-format and pycodestyle for the style
-# check, clang and its libFuzzer for the fuzz build; the build dependencies come from debian/control.
+# the chroot and the testbed, autopkgtest, qemu-user for the armhf programs, clang-format and pycodestyle
+# for the style check, clang and its libFuzzer for the fuzz build; the build dependencies come from
+# debian/control.
 scripts/install-deps.sh gdb-multiarch piuparts adequate mmdebstrap autopkgtest qemu-user lintian file \
     clang-format pycodestyle clang-14 libclang-rt-14-dev
 
 # Three steps wait on the network, on dpkg or on the bus more than on the processors, and run alongside
 # others, each with its output in a file: making the clean chroot (scripts/chroot.sh), if missing,
-# alongside the first steps; autopkgtest alongside the second package build; piuparts alongside the
-# sanitizer and fuzz builds. A job still running at the end is stopped.
+# alongside the first steps; autopkgtest (its testbed made first, if missing) alongside the second
+# package build; piuparts alongside the sanitizer and fuzz builds. A job still running at the end is
+# stopped.
 chroot_log=$(mktemp)
 autopkgtest_log=$(mktemp)
 piuparts_log=$(mktemp)
@@ -76,14 +79,14 @@ scripts/package.sh
 lint dist/*_"$arch".deb
 tests/packages/package_test.sh dist "$arch" "$version"
 
+# autopkgtest: the DEP-8 tests on the installed packages, in a throwaway minimal testbed.
+scripts/testbed.sh --no-built-binaries ./ dist/kepclient_"$version"_"$arch".deb \
+    dist/kep-sim_"$version"_"$arch".deb >"$autopkgtest_log" 2>&1 &
+autopkgtest_job=$!
+
 step "the clean bookworm chroot: made alongside the steps above, or kept from an earlier run"
 finish "$chroot_job" "$chroot_log"
 chroot_job=""
-
-# autopkgtest: the case tables on the installed packages, in a throwaway copy of the chroot.
-scripts/chroot.sh testbed autopkgtest --no-built-binaries ./ dist/kepclient_"$version"_"$arch".deb \
-    dist/kep-sim_"$version"_"$arch".deb -- chroot >"$autopkgtest_log" 2>&1 &
-autopkgtest_job=$!
 
 step "reproducible packages (autopkgtest alongside)"
 tests/packages/reproducible_test.sh dist "$arch"
@@ -95,7 +98,7 @@ if ! wait "$autopkgtest_job"; then
     exit 1
 fi
 autopkgtest_job=""
-grep -E ' (passed|PASS)' "$autopkgtest_log"
+grep -E ' (passed|PASS)|^systembus test: ' "$autopkgtest_log"
 
 tests/packages/piuparts_test.sh dist "$arch" "$version" >"$piuparts_log" 2>&1 &
 piuparts_job=$!
