@@ -75,7 +75,11 @@ ssh-keygen -q -t ed25519 -N '' -C kep-device -f "$new/id_ed25519"
 # makes an initramfs, the rest once every package is in.
 work=$(mktemp -d)
 making=""
+# Stopped, it stops mmdebstrap: the namespace and its mounts go with it.
 trap '[ -z "$making" ] || "${as_root[@]}" kill "$making" 2>/dev/null || true; rm -rf "$work"' EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+trap 'exit 129' HUP
 files=$work/files
 mkdir -p "$files/initramfs-conf" "$files/initramfs-hooks" "$files/network" "$files/units" "$files/ssh"
 echo MODULES=list >"$files/initramfs-conf/kep-device"

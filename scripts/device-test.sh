@@ -28,16 +28,10 @@ logs=build-device
 scripts/install-deps.sh qemu-system-arm qemu-user-static qemu-utils ipxe-qemu mmdebstrap arch-test \
     autopkgtest openssh-client e2fsprogs
 
-version=$(dpkg-parsechangelog -S Version)
-debs=(dist/kepclient_"$version"_armhf.deb dist/kep-sim_"$version"_armhf.deb)
-if [ ! -e "${debs[0]}" ] || [ ! -e "${debs[1]}" ]; then
-    echo "device-test: building the armhf packages" >&2
-    scripts/package.sh armhf >/dev/null
-fi
-image=$(scripts/device-image.sh "${debs[@]}")
-
 work=$(mktemp -d)
-# What the run started and has yet to stop, the virtual machine last; the traps stop them all.
+# What the run started and has yet to stop, the virtual machine last; the traps stop them all. The
+# package build and the making of the image are process groups of their own, stopped whole.
+preparing=""
 watcher=""
 waiting=""
 testing=""
@@ -45,6 +39,10 @@ vm=""
 # shellcheck disable=SC2317 # called by the traps
 finish() {
     local started_job
+    if [ -n "$preparing" ]; then
+        kill -- -"$preparing" 2>/dev/null || true
+        wait "$preparing" 2>/dev/null || true
+    fi
     for started_job in $waiting $watcher $testing $vm; do
         kill "$started_job" 2>/dev/null || true
         wait "$started_job" 2>/dev/null || true
@@ -55,6 +53,23 @@ trap finish EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 trap 'exit 129' HUP
+# prepare COMMAND...: runs COMMAND in a process group of its own, its output in $work/prepared.
+prepare() {
+    setsid "$@" >"$work/prepared" &
+    preparing=$!
+    wait "$preparing"
+    preparing=""
+}
+
+version=$(dpkg-parsechangelog -S Version)
+debs=(dist/kepclient_"$version"_armhf.deb dist/kep-sim_"$version"_armhf.deb)
+if [ ! -e "${debs[0]}" ] || [ ! -e "${debs[1]}" ]; then
+    echo "device-test: building the armhf packages" >&2
+    prepare scripts/package.sh armhf
+fi
+prepare scripts/device-image.sh "${debs[@]}"
+image=$(cat "$work/prepared")
+
 rm -rf "$logs"
 mkdir -p "$logs"
 console=$logs/console.log
