@@ -17,11 +17,12 @@ cd "$(dirname "$0")/.."
 boot_limit=300
 tests_limit=900
 vm_limit=$((boot_limit + tests_limit + 60))
-# The virtual machine: the smallest CPU with LPAE that the armmp-lpae kernel wants, as many processors
-# as this machine has.
+# The virtual machine: a Cortex-A15, which has the LPAE that the armmp-lpae kernel needs, as many
+# processors as this machine has, memory in MiB.
 guest_cpu=cortex-a15
 guest_memory=2048
 kernel_arguments="root=/dev/vda rootfstype=ext4 rw console=ttyAMA0 systemd.firstboot=off"
+# What the image's unit writes on the serial console once ssh takes connections.
 ready_line="kep-device: ready"
 logs=build-device
 
@@ -141,9 +142,10 @@ if [ -e "$summary" ]; then
     while read -r test result _; do
         total=$((total + 1))
         [ "$result" != PASS ] || passed=$((passed + 1))
+        # A test that runs no case table (systembus) prints no counts.
         counts=""
         if [ -e "$logs/autopkgtest/$test-stdout" ]; then
-            counts=$(grep -E '^[0-9]+ passed, [0-9]+ failed, [0-9]+ skipped$' \
+            counts=$(sed -n -E '/^[0-9]+ passed, [0-9]+ failed, [0-9]+ skipped$/p' \
                 "$logs/autopkgtest/$test-stdout" | paste -sd ';' - | sed 's/;/; /g')
         fi
         printf 'device-test: %-12s %-5s %s\n' "$test" "$result" "$counts"
