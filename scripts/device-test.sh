@@ -148,7 +148,7 @@ if [ -e "$summary" ]; then
             counts=$(sed -n -E '/^[0-9]+ passed, [0-9]+ failed, [0-9]+ skipped$/p' \
                 "$logs/autopkgtest/$test-stdout" | paste -sd ';' - | sed 's/;/; /g')
         fi
-        printf 'device-test: %-12s %-5s %s\n' "$test" "$result" "$counts"
+        printf 'device-test: %-12s %s%s\n' "$test" "$result" "${counts:+  $counts}"
     done <"$summary"
 fi
 echo "device-test: $passed of $total tests passed (boot $boot_seconds s, tests $tests_seconds s)"
