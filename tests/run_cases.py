@@ -467,7 +467,8 @@ def runs(tables, words):
 
 def skipped_under_emulation(case, words):
     """qemu-user keeps the real clock and an argument vector of its own; a run of kep-sim without the
-    client has nothing to emulate. On an emulated system a fast clock's run takes longer than its bounds."""
+    client has nothing to emulate. On an emulated system the fast clock does not shorten the client's
+    waits."""
     if EMULATED and 'clock' in case:
         return True
     if not WRAPPER:
