@@ -98,7 +98,7 @@ if ! wait "$autopkgtest_job"; then
     exit 1
 fi
 autopkgtest_job=""
-grep -E ' (passed|PASS)|^systembus test: ' "$autopkgtest_log"
+grep -aE ' (passed|PASS)|^systembus test: ' "$autopkgtest_log"
 
 tests/packages/piuparts_test.sh dist "$arch" "$version" >"$piuparts_log" 2>&1 &
 piuparts_job=$!
