@@ -9,6 +9,7 @@
 #   scripts/chroot.sh run CMD...     runs CMD in the chroot as root, with /proc and /dev for CMD only
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/cached-tree.sh
 suite=bookworm
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
@@ -37,15 +38,9 @@ if [ ! -e "$root/etc/os-release" ]; then
     # Stopped, this script stops mmdebstrap too.
     trap '"${as_root[@]}" kill "$making" 2>/dev/null || true' EXIT
     if ! wait "$making"; then
-        tail -n 40 "$log" >&2
-        echo "chroot: mmdebstrap failed (the log's last lines above, all of it in $log)" >&2
-        exit 1
+        made_tree_failed chroot "$log"
     fi
-    # Chroots made for earlier Build-Depends go.
-    for old in "$cache/$name"-*; do
-        [ "$old" = "$root.new" ] || [ "$old" = "$log" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
-    done
-    "${as_root[@]}" mv "$root.new" "$root"
+    keep_made_tree "$root" # chroots made for earlier Build-Depends go
     trap - EXIT
     echo "chroot: made in $SECONDS s" >&2
 fi

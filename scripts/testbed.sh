@@ -17,6 +17,7 @@
 # declare isolation-container, as starting a system bus is, run here as in Debian's CI containers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/cached-tree.sh
 suite=bookworm
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
@@ -34,14 +35,9 @@ if [ ! -e "$root/etc/os-release" ]; then
     log=$root.log
     "${as_root[@]}" rm -rf "$root.new"
     if ! "${as_root[@]}" "${make[@]}" "$root.new" "$mirror" >"$log" 2>&1; then
-        tail -n 40 "$log" >&2
-        echo "testbed: mmdebstrap failed (the log's last lines above, all of it in $log)" >&2
-        exit 1
+        made_tree_failed testbed "$log"
     fi
-    for old in "$cache/$name"-*; do
-        [ "$old" = "$root.new" ] || [ "$old" = "$log" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
-    done
-    "${as_root[@]}" mv "$root.new" "$root"
+    keep_made_tree "$root"
 fi
 
 work=$(mktemp -d)
