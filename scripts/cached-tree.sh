@@ -14,7 +14,9 @@ keep_made_tree() {
     local root=$1
     local old
     for old in "${root%-*}"-*; do
-        [ "$old" = "$root.new" ] || [ "$old" = "$root.log" ] || "${as_root[@]}" rm -rf --one-file-system "$old"
+        if [ "$old" != "$root.new" ] && [ "$old" != "$root.log" ]; then
+            "${as_root[@]}" rm -rf --one-file-system "$old"
+        fi
     done
     "${as_root[@]}" mv "$root.new" "$root"
 }
